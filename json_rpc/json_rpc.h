@@ -1,0 +1,9 @@
+#ifndef JSON_RPC_H
+#define JSON_RPC_H
+// Every public header of the library.
+#include "json_rpc/json_rpc_object.h"
+#include "json_rpc/json_rpc_parser.h"
+#include "json_rpc/json_rpc_reader.h"
+#include "json_rpc/json_rpc_generator.h"
+#include "json_rpc/json_rpc_channel.h"
+#endif

@@ -1,0 +1,71 @@
+#ifndef JSON_RPC_CHANNEL_H
+#define JSON_RPC_CHANNEL_H
+
+#include "json_rpc/json_rpc_export.h"
+#include "json_rpc/json_rpc_object.h"
+#include "json_spirit/json_spirit_value.h"
+
+#include <ace/Addr.h>
+#include <ace/Lock.h>
+#include <ace/Thread_Mutex.h>
+
+#include <map>
+#include <string>
+
+class JSON_Generator;
+typedef struct yajl_gen_t yajl_gen_t;
+
+/// The library's view of one connected peer. Transports derive from it and
+/// supply the output operations; the library remembers channels only by
+/// weak pointer.
+class JSON_RPC_EXPORT JSON_RPC_Channel
+{
+public:
+  JSON_RPC_Channel();
+  virtual ~JSON_RPC_Channel();
+  JSON_RPC_Channel(const JSON_RPC_Channel&) = delete;
+  JSON_RPC_Channel& operator=(const JSON_RPC_Channel&) = delete;
+
+  int type() const;
+  void type(int type);
+  std::string id() const;
+  void id(const std::string& id);
+  std::string session_id() const;
+  void session_id(const std::string& session_id);
+  std::map<std::string, json_spirit::Value> version() const;
+  void version(const std::map<std::string, json_spirit::Value>& version);
+
+  /// Builds an error response and sends it with send_object. A null message
+  /// takes the standard text of code, if there is one; null data is left out.
+  int send_error(int code, const json_spirit::Value& id, const char* message, const json_spirit::Value& data);
+
+  /// Writes one whole message. Called from any thread; must not change object.
+  virtual int send_object(JSON_RPC_Object_Ptr object) = 0;
+  /// Writes one whole message produced by generator while it is sent.
+  virtual int send_generator(JSON_Generator& generator) = 0;
+  /// Opens a message for token-by-token writing; null if it can't.
+  virtual yajl_gen_t* send_begin() = 0;
+  /// Closes the message of send_begin; on -1, io_state() tells whether it matters.
+  virtual int send_end() = 0;
+  /// Forwarding: the base forms do nothing and return -1.
+  virtual int put_forward_entry(JSON_RPC_Channel_Weak_Ptr requester, const json_spirit::Value& id);
+  virtual int get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& requester, json_spirit::Value& id);
+  virtual int forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object);
+  virtual int get_local_addr(ACE_Addr& addr) const = 0;
+  virtual int get_remote_addr(ACE_Addr& addr) const = 0;
+  /// State of the output after a failed send_end; 7 means nothing to report.
+  virtual int io_state() = 0;
+  /// The address to publish for this peer; base: -1.
+  virtual int get_original_addr(ACE_Addr& addr) const;
+  /// The lock that orders writers of the output; null if none is needed.
+  virtual ACE_Lock* io_mutex();
+
+private:
+  int type_;
+  std::string id_;
+  std::string session_id_;
+  std::map<std::string, json_spirit::Value> version_;
+  mutable ACE_Thread_Mutex lock_;
+};
+
+#endif

@@ -1,0 +1,209 @@
+#include "json_spirit/json_spirit_reader.h"
+
+#include <ace/Log_Msg.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace json_spirit
+{
+  bool number_to_value(char const* text, unsigned long long length, Value& target)
+  {
+    if (!text || length == 0)
+      return false;
+    const char* end = text + length;
+    bool integral = std::find_if(text, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end;
+    if (integral)
+    {
+      long long i;
+      auto r = std::from_chars(text, end, i);
+      if (r.ec == std::errc() && r.ptr == end)
+      {
+        target = Value(i);
+        return true;
+      }
+      if (r.ec == std::errc::result_out_of_range && *text != '-')
+      {
+        unsigned long long u;
+        auto ru = std::from_chars(text, end, u);
+        if (ru.ec == std::errc() && ru.ptr == end)
+        {
+          target = Value(u);
+          return true;
+        }
+      }
+      else if (r.ec != std::errc::result_out_of_range)
+        return false;
+    }
+    // Reals, and integers beyond 64 bits. strtod needs a terminated copy;
+    // it also settles underflow (to zero or a subnormal) where from_chars
+    // only reports the range.
+    std::string copy(text, length);
+    char* stop = nullptr;
+    errno = 0;
+    double d = std::strtod(copy.c_str(), &stop);
+    if (stop != copy.c_str() + copy.size() || !std::isfinite(d))
+      return false;
+    target = Value(d);
+    return true;
+  }
+}
+
+using json_spirit::Value;
+
+JSON_Parser::JSON_Parser() : target_(nullptr), complete_(false) {}
+JSON_Parser::~JSON_Parser() {}
+
+void JSON_Parser::result(Value* target)
+{
+  target_ = target;
+  stack_.clear();
+  key_.clear();
+  complete_ = false;
+  if (target && ((target->type() == json_spirit::obj_type && target->get_obj().empty()) ||
+                 (target->type() == json_spirit::array_type && target->get_array().empty())))
+    stack_.push_back(target);
+}
+
+Value* JSON_Parser::slot()
+{
+  if (stack_.empty())
+    return complete_ ? nullptr : target_;
+  Value* top = stack_.back();
+  if (top->type() == json_spirit::array_type)
+  {
+    json_spirit::Array& a = top->get_array();
+    a.emplace_back();
+    return &a.back();
+  }
+  return &top->get_obj()[key_];
+}
+
+bool JSON_Parser::add(Value&& value)
+{
+  Value* s = slot();
+  if (!s)
+    return false;
+  *s = std::move(value);
+  if (stack_.empty())
+    complete_ = true;
+  return true;
+}
+
+bool JSON_Parser::open(Value&& container)
+{
+  if (stack_.size() >= json_spirit::max_depth)
+  {
+    ACE_ERROR((LM_ERROR, "JSON nested deeper than %u levels refused.\n", json_spirit::max_depth));
+    return false;
+  }
+  Value* s = slot();
+  if (!s)
+    return false;
+  *s = std::move(container);
+  stack_.push_back(s);
+  return true;
+}
+
+bool JSON_Parser::close(json_spirit::Value_type type)
+{
+  if (stack_.empty() || stack_.back()->type() != type)
+    return false;
+  stack_.pop_back();
+  if (stack_.empty())
+    complete_ = true;
+  return true;
+}
+
+bool JSON_Parser::handle_null_i() { return add(Value()); }
+bool JSON_Parser::handle_boolean_i(bool value) { return add(Value(value)); }
+bool JSON_Parser::handle_integer_i(long long value) { return add(Value(value)); }
+bool JSON_Parser::handle_double_i(double value) { return add(Value(value)); }
+
+bool JSON_Parser::handle_number_i(char const* text, unsigned long long length)
+{
+  Value v;
+  if (!json_spirit::number_to_value(text, length, v))
+  {
+    ACE_ERROR((LM_ERROR, "Number out of range refused: %C\n", std::string(text, length).c_str()));
+    return false;
+  }
+  return add(std::move(v));
+}
+
+bool JSON_Parser::handle_string_i(char const* text, unsigned long long length)
+{
+  return add(Value(std::string(text, length)));
+}
+
+bool JSON_Parser::handle_start_map_i() { return open(Value(json_spirit::Object())); }
+
+bool JSON_Parser::handle_map_key_i(char const* text, unsigned long long length)
+{
+  if (stack_.empty() || stack_.back()->type() != json_spirit::obj_type)
+    return false;
+  key_.assign(text, length);
+  return true;
+}
+
+bool JSON_Parser::handle_end_map_i() { return close(json_spirit::obj_type); }
+bool JSON_Parser::handle_start_array_i() { return open(Value(json_spirit::Array())); }
+bool JSON_Parser::handle_end_array_i() { return close(json_spirit::array_type); }
+
+JSON_Reader::JSON_Reader() : handle_(nullptr) {}
+
+JSON_Reader::~JSON_Reader() { close(); }
+
+bool JSON_Reader::open()
+{
+  close();
+  handle_ = yajl_alloc(get_yajl_default_callbacks(), nullptr, static_cast<YAJL_Handler*>(this));
+  return handle_ != nullptr;
+}
+
+void JSON_Reader::close()
+{
+  if (handle_)
+  {
+    yajl_free(handle_);
+    handle_ = nullptr;
+  }
+  result(nullptr);
+}
+
+bool JSON_Reader::read(char const* data, unsigned long long length, int verbose)
+{
+  if (!handle_)
+    return false;
+  bool finish = !data || length == 0;
+  yajl_status status = finish ? yajl_complete_parse(handle_)
+                              : yajl_parse(handle_, reinterpret_cast<const unsigned char*>(data), length);
+  if (status != yajl_status_ok)
+  {
+    YAJL_Error error(handle_, verbose != 0, data, length);
+    ACE_ERROR((LM_ERROR, "Failed to parse JSON: %C\n", error.c_str()));
+    return false;
+  }
+  if (finish && !complete())
+  {
+    ACE_ERROR((LM_ERROR, "Failed to parse JSON: no complete document.\n"));
+    return false;
+  }
+  return true;
+}
+
+namespace json_spirit
+{
+  bool read_string(const std::string& text, Value& value)
+  {
+    JSON_Reader reader;
+    if (!reader.open())
+      return false;
+    reader.result(&value);
+    if (!text.empty() && !reader.read(text.data(), text.size()))
+      return false;
+    return reader.read(nullptr, 0);
+  }
+}

@@ -1,0 +1,4 @@
+#ifndef TESSEL_EXPORT_H
+#define TESSEL_EXPORT_H
+#define TESSEL_EXPORT __attribute__((visibility("default")))
+#endif

@@ -1,0 +1,72 @@
+#include "tessel/yajl_handler.h"
+
+YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE) {}
+YAJL_Handler::~YAJL_Handler() {}
+
+bool YAJL_Handler::handle_null_i() { return true; }
+bool YAJL_Handler::handle_boolean_i(bool) { return true; }
+bool YAJL_Handler::handle_integer_i(long long) { return true; }
+bool YAJL_Handler::handle_double_i(double) { return true; }
+bool YAJL_Handler::handle_number_i(char const*, unsigned long long) { return true; }
+bool YAJL_Handler::handle_string_i(char const*, unsigned long long) { return true; }
+bool YAJL_Handler::handle_start_map_i() { return true; }
+bool YAJL_Handler::handle_map_key_i(char const*, unsigned long long) { return true; }
+bool YAJL_Handler::handle_end_map_i() { return true; }
+bool YAJL_Handler::handle_start_array_i() { return true; }
+bool YAJL_Handler::handle_end_array_i() { return true; }
+
+namespace
+{
+  YAJL_Handler* handler(void* ctx, unsigned int event)
+  {
+    YAJL_Handler* h = static_cast<YAJL_Handler*>(ctx);
+    h->callback = event;
+    return h;
+  }
+
+  int on_null(void* ctx) { return handler(ctx, YAJL_Handler::EVENT_NULL)->handle_null_i(); }
+  int on_boolean(void* ctx, int value) { return handler(ctx, YAJL_Handler::EVENT_BOOLEAN)->handle_boolean_i(value != 0); }
+  int on_number(void* ctx, const char* text, size_t length)
+  {
+    return handler(ctx, YAJL_Handler::EVENT_NUMBER)->handle_number_i(text, length);
+  }
+  int on_string(void* ctx, const unsigned char* text, size_t length)
+  {
+    return handler(ctx, YAJL_Handler::EVENT_STRING)->handle_string_i(reinterpret_cast<const char*>(text), length);
+  }
+  int on_start_map(void* ctx) { return handler(ctx, YAJL_Handler::EVENT_START_MAP)->handle_start_map_i(); }
+  int on_map_key(void* ctx, const unsigned char* text, size_t length)
+  {
+    return handler(ctx, YAJL_Handler::EVENT_MAP_KEY)->handle_map_key_i(reinterpret_cast<const char*>(text), length);
+  }
+  int on_end_map(void* ctx) { return handler(ctx, YAJL_Handler::EVENT_END_MAP)->handle_end_map_i(); }
+  int on_start_array(void* ctx) { return handler(ctx, YAJL_Handler::EVENT_START_ARRAY)->handle_start_array_i(); }
+  int on_end_array(void* ctx) { return handler(ctx, YAJL_Handler::EVENT_END_ARRAY)->handle_end_array_i(); }
+
+  // Integer and double slots stay empty so that YAJL hands numbers over as text.
+  const yajl_callbacks default_callbacks = {
+    on_null, on_boolean, nullptr, nullptr, on_number, on_string,
+    on_start_map, on_map_key, on_end_map, on_start_array, on_end_array};
+}
+
+yajl_callbacks const* get_yajl_default_callbacks() { return &default_callbacks; }
+
+YAJL_Error::YAJL_Error(yajl_handle handle, bool verbose, char const* text, unsigned long long length)
+  : handle_(handle), text_(nullptr)
+{
+  if (handle_)
+  {
+    // Without the text there is nothing to quote around the offset.
+    if (!text)
+      length = 0;
+    text_ = yajl_get_error(handle_, verbose && text ? 1 : 0, reinterpret_cast<const unsigned char*>(text), length);
+  }
+}
+
+YAJL_Error::~YAJL_Error()
+{
+  if (text_)
+    yajl_free_error(handle_, text_);
+}
+
+char const* YAJL_Error::c_str() const { return text_ ? reinterpret_cast<const char*>(text_) : ""; }
