@@ -6,4 +6,11 @@
 #include "json_rpc/json_rpc_reader.h"
 #include "json_rpc/json_rpc_generator.h"
 #include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_dispatcher.h"
+#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_channel_map.h"
+#include "json_rpc/json_rpc_forward_map.h"
+#include "json_rpc/json_rpc_session.h"
+#include "json_rpc/json_rpc_utils.h"
 #endif

@@ -3,6 +3,7 @@
 
 #include <ace/DLL_Manager.h>
 #include <ace/Guard_T.h>
+#include <ace/Null_Mutex.h>
 
 #include <map>
 #include <string>

@@ -1,0 +1,76 @@
+#include "json_rpc/json_rpc_handler.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Null_Mutex.h>
+#include <ace/Singleton.h>
+
+JSON_RPC_Handler::JSON_RPC_Handler() : silent_(false) {}
+JSON_RPC_Handler::~JSON_RPC_Handler() {}
+int JSON_RPC_Handler::init(int, char**) { return 0; }
+int JSON_RPC_Handler::fini() { return 0; }
+
+JSON_RPC_Request_Map::JSON_RPC_Request_Map() {}
+JSON_RPC_Request_Map::~JSON_RPC_Request_Map() {}
+
+JSON_RPC_Request_Map* JSON_RPC_Request_Map::instance()
+{
+  return ACE_Unmanaged_Singleton<JSON_RPC_Request_Map, ACE_Null_Mutex>::instance();
+}
+
+void JSON_RPC_Request_Map::close_instance() { ACE_Unmanaged_Singleton<JSON_RPC_Request_Map, ACE_Null_Mutex>::close(); }
+
+JSON_RPC_Response_Map::JSON_RPC_Response_Map() {}
+JSON_RPC_Response_Map::~JSON_RPC_Response_Map() {}
+
+JSON_RPC_Response_Map* JSON_RPC_Response_Map::instance()
+{
+  return ACE_Unmanaged_Singleton<JSON_RPC_Response_Map, ACE_Null_Mutex>::instance();
+}
+
+void JSON_RPC_Response_Map::close_instance()
+{
+  ACE_Unmanaged_Singleton<JSON_RPC_Response_Map, ACE_Null_Mutex>::close();
+}
+
+JSON_RPC_Handler_Ptr JSON_RPC_Response_Map::find(const json_spirit::Value& id) const
+{
+  ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, JSON_RPC_Handler_Ptr());
+  auto i = map_.find(id);
+  return i == map_.end() ? JSON_RPC_Handler_Ptr() : i->second;
+}
+
+int JSON_RPC_Response_Map::insert(const json_spirit::Value& id, JSON_RPC_Handler_Ptr handler)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  return map_.emplace(id, handler).second ? 0 : -1;
+}
+
+int JSON_RPC_Response_Map::remove(const json_spirit::Value& id)
+{
+  // The handler may be the last reference; let it go outside the lock.
+  JSON_RPC_Handler_Ptr handler;
+  {
+    ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+    auto i = map_.find(id);
+    if (i == map_.end())
+      return -1;
+    handler = i->second;
+    map_.erase(i);
+  }
+  return 0;
+}
+
+void JSON_RPC_Response_Map::clear()
+{
+  std::map<json_spirit::Value, JSON_RPC_Handler_Ptr, json_spirit::value_lesser> old;
+  {
+    ACE_WRITE_GUARD(ACE_RW_Thread_Mutex, guard, lock_);
+    old.swap(map_);
+  }
+}
+
+size_t JSON_RPC_Response_Map::size() const
+{
+  ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, 0);
+  return map_.size();
+}

@@ -1,0 +1,128 @@
+#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_channel_map.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Null_Mutex.h>
+#include <ace/Singleton.h>
+
+JSON_RPC_Notify_Manager::JSON_RPC_Notify_Manager() {}
+JSON_RPC_Notify_Manager::~JSON_RPC_Notify_Manager() {}
+
+JSON_RPC_Notify_Manager* JSON_RPC_Notify_Manager::instance()
+{
+  return ACE_Unmanaged_Singleton<JSON_RPC_Notify_Manager, ACE_Null_Mutex>::instance();
+}
+
+void JSON_RPC_Notify_Manager::close_instance()
+{
+  ACE_Unmanaged_Singleton<JSON_RPC_Notify_Manager, ACE_Null_Mutex>::close();
+}
+
+int JSON_RPC_Notify_Manager::subscribe(JSON_RPC_Channel_Weak_Ptr channel, const std::vector<std::string>& subjects)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  for (const std::string& subject : subjects)
+    subscriptions_.emplace(subject, channel);
+  return 0;
+}
+
+int JSON_RPC_Notify_Manager::unsubscribe(JSON_RPC_Channel_Weak_Ptr channel)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  JSON_RPC_Channel_Strong_Ptr peer(channel);
+  if (peer.null())
+    unsubscribe_closed_channels();
+  else
+    unsubscribe_channel(subscriptions_.begin(), subscriptions_.end(), channel);
+  return 0;
+}
+
+int JSON_RPC_Notify_Manager::unsubscribe(JSON_RPC_Channel_Weak_Ptr channel, const std::vector<std::string>& subjects)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  JSON_RPC_Channel_Strong_Ptr peer(channel);
+  if (peer.null())
+  {
+    unsubscribe_closed_channels();
+    return 0;
+  }
+  for (const std::string& subject : subjects)
+  {
+    auto range = subscriptions_.equal_range(subject);
+    unsubscribe_channel(range.first, range.second, channel);
+  }
+  return 0;
+}
+
+int JSON_RPC_Notify_Manager::unsubscribe(const std::string& subject)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  return unsubscribe_subject(subject);
+}
+
+int JSON_RPC_Notify_Manager::unsubscribe(const std::vector<std::string>& subjects)
+{
+  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  for (const std::string& subject : subjects)
+    unsubscribe_subject(subject);
+  return 0;
+}
+
+void JSON_RPC_Notify_Manager::unsubscribe_closed_channels()
+{
+  for (auto i = subscriptions_.begin(); i != subscriptions_.end();)
+  {
+    auto current = i++;
+    if (JSON_RPC_Channel_Strong_Ptr(current->second).null())
+      subscriptions_.erase(current);
+  }
+}
+
+void JSON_RPC_Notify_Manager::unsubscribe_channel(Subscriptions::iterator first, Subscriptions::iterator last,
+                                                  JSON_RPC_Channel_Weak_Ptr channel)
+{
+  while (first != last)
+  {
+    auto current = first++;
+    if (current->second == channel)
+      subscriptions_.erase(current);
+  }
+}
+
+int JSON_RPC_Notify_Manager::unsubscribe_subject(const std::string& subject)
+{
+  subscriptions_.erase(subject);
+  return 0;
+}
+
+namespace
+{
+  void send_to(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object)
+  {
+    JSON_RPC_Channel_Strong_Ptr peer(channel);
+    if (!peer.null())
+      peer->send_object(object);
+  }
+}
+
+int JSON_RPC_Notify_Manager::notify(std::string subject, JSON_RPC_Object_Ptr object)
+{
+  ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+  auto range = subscriptions_.equal_range(subject);
+  for (auto i = range.first; i != range.second; ++i)
+    send_to(i->second, object);
+  range = subscriptions_.equal_range("*");
+  for (auto i = range.first; i != range.second; ++i)
+    send_to(i->second, object);
+  JSON_RPC_Channel_Strong_Ptr global = Global_JSON_RPC_Channel::instance();
+  if (!global.null())
+    global->send_object(object);
+  return 0;
+}
+
+size_t JSON_RPC_Notify_Manager::size() const
+{
+  ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, 0);
+  return subscriptions_.size();
+}

@@ -1,0 +1,233 @@
+#include "json_rpc/json_rpc_session.h"
+#include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_generator.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "tessel/utils.h"
+
+#include <ace/Future.h>
+#include <ace/Log_Msg.h>
+#include <ace/OS_NS_errno.h>
+#include <ace/OS_NS_time.h>
+
+#include <cerrno>
+#include <climits>
+#include <new>
+
+namespace
+{
+  /// The waiter behind one pending call.
+  class JSON_RPC_Future_Handler : public JSON_RPC_Handler
+  {
+  public:
+    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
+    {
+      if (object.get() && (object->type == JSON_RPC_Object::TYPE_RESPONSE ||
+                           object->type == JSON_RPC_Object::TYPE_RESPONSE_ERROR))
+        return future.set(object) == 0 ? 0 : -1;
+      future.set(JSON_RPC_Object_Ptr());
+      return -1;
+    }
+
+    int get(JSON_RPC_Object_Ptr& out, const ACE_Time_Value* deadline)
+    {
+      return future.get(out, const_cast<ACE_Time_Value*>(deadline));
+    }
+
+    ACE_Future<JSON_RPC_Object_Ptr> future;
+  };
+
+  // Removes the pending entry on every way out of a call.
+  struct Entry_Guard
+  {
+    explicit Entry_Guard(const json_spirit::Value& id) : id_(id) {}
+    ~Entry_Guard() { JSON_RPC_Response_Map::instance()->remove(id_); }
+    json_spirit::Value id_;
+  };
+
+  bool wait(JSON_RPC_Future_Handler* handler, JSON_RPC_Object_Ptr& response, const ACE_Time_Value* deadline)
+  {
+    if (handler->get(response, deadline) != 0)
+    {
+      ACE_ERROR((LM_ERROR, "Failed to get response, errno=%d, %m.\n", ACE_OS::last_error()));
+      return false;
+    }
+    return true;
+  }
+}
+
+JSON_RPC_Session::JSON_RPC_Session() {}
+JSON_RPC_Session::JSON_RPC_Session(JSON_RPC_Channel_Weak_Ptr channel) : channel_(channel) {}
+JSON_RPC_Session::~JSON_RPC_Session() {}
+
+void JSON_RPC_Session::reset(JSON_RPC_Channel_Strong_Ptr channel) { channel_ = channel; }
+
+bool JSON_RPC_Session::request(JSON_RPC_Object_Ptr request, JSON_RPC_Object_Ptr& response, long long timeout)
+{
+  if (channel_.null())
+  {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+    return false;
+  }
+  if (timeout == 0)
+    get_timeout_env(timeout);
+  JSON_RPC_Future_Handler* waiter = new (std::nothrow) JSON_RPC_Future_Handler;
+  if (!waiter)
+  {
+    errno = ENOMEM;
+    return false;
+  }
+  JSON_RPC_Handler_Ptr handler(waiter);
+  JSON_RPC_Id_Generator::gen(*request);
+  if (JSON_RPC_Response_Map::instance()->insert(request->id, handler) != 0)
+  {
+    ACE_ERROR((LM_ERROR, "Failed to insert response handler to map.\n"));
+    return false;
+  }
+  Entry_Guard entry(request->id);
+  if (channel_->send_object(request) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+    return false;
+  }
+  if (timeout > 600 || timeout < 0)
+    timeout = 600;
+  ACE_Time_Value deadline = ACE_Time_Value(static_cast<time_t>(timeout), 0).to_absolute_time();
+  return wait(waiter, response, &deadline);
+}
+
+bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_RPC_Object_Ptr& response,
+                               long long timeout)
+{
+  if (channel_.null())
+  {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+    return false;
+  }
+  if (!method || !*method)
+  {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, method is NULL or \"\":\n%?\n"));
+    return false;
+  }
+  if (timeout == 0)
+    get_timeout_env(timeout);
+  JSON_RPC_Future_Handler* waiter = new (std::nothrow) JSON_RPC_Future_Handler;
+  if (!waiter)
+  {
+    errno = ENOMEM;
+    return false;
+  }
+  JSON_RPC_Handler_Ptr handler(waiter);
+  JSON_RPC_Request_Generator generator(method, params);
+  json_spirit::Value id(generator.id());
+  if (JSON_RPC_Response_Map::instance()->insert(id, handler) != 0)
+  {
+    ACE_ERROR((LM_ERROR, "Failed to insert response handler to map.\n"));
+    return false;
+  }
+  Entry_Guard entry(id);
+  if (channel_->send_generator(generator) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+    return false;
+  }
+  if (timeout < 0)
+    return wait(waiter, response, nullptr);
+  ACE_Time_Value deadline(ACE_OS::time(0) + static_cast<time_t>(timeout), 0);
+  return wait(waiter, response, &deadline);
+}
+
+bool JSON_RPC_Session::notify(JSON_RPC_Object_Ptr object)
+{
+  if (channel_.null())
+  {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+    return false;
+  }
+  if (channel_->send_object(object) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "Failed to send notify to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+    return false;
+  }
+  return true;
+}
+
+void JSON_RPC_Session::get_timeout_env(long long& timeout)
+{
+  std::string text = get_env_r("JSON_RPC_REQUEST_TIMEOUT");
+  if (text.empty())
+  {
+    timeout = 60;
+    return;
+  }
+  // Optional sign, then digits up to the first other character; no white space.
+  size_t i = 0;
+  bool negative = false;
+  if (text[0] == '+' || text[0] == '-')
+  {
+    negative = text[0] == '-';
+    ++i;
+  }
+  unsigned long long magnitude = 0;
+  bool digits = false, overflow = false;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+  {
+    digits = true;
+    unsigned int d = text[i] - '0';
+    if (magnitude > (static_cast<unsigned long long>(LLONG_MAX) - d) / 10)
+      overflow = true;
+    else
+      magnitude = magnitude * 10 + d;
+  }
+  if (!digits)
+  {
+    timeout = 0;
+    errno = EINVAL;
+  }
+  else if (overflow)
+  {
+    timeout = LLONG_MAX;
+    errno = ERANGE;
+  }
+  else
+  {
+    timeout = negative ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
+    errno = 0;
+  }
+}
+
+bool JSON_RPC_Session::make_rpc_request(const char* method, const json_spirit::Value& params,
+                                        JSON_RPC_Object_Ptr& request)
+{
+  JSON_RPC_Request* r = new (std::nothrow) JSON_RPC_Request;
+  if (!r)
+  {
+    errno = ENOMEM;
+    return false;
+  }
+  r->params = params;
+  if (method)
+    r->method = method;
+  request.reset(r);
+  return true;
+}
+
+JSON_RPC_Object_Ptr JSON_RPC_Session::make_rpc_request(std::string method, json_spirit::Value&& params)
+{
+  JSON_RPC_Request* r = new (std::nothrow) JSON_RPC_Request;
+  if (!r)
+  {
+    errno = ENOMEM;
+    return JSON_RPC_Object_Ptr();
+  }
+  r->method = std::move(method);
+  r->params = std::move(params);
+  return JSON_RPC_Object_Ptr(r);
+}
+
+JSON_RPC_Object_Ptr JSON_RPC_Session::make_rpc_request(std::string method, json_spirit::Value** params)
+{
+  JSON_RPC_Object_Ptr object = make_rpc_request(std::move(method), json_spirit::Value());
+  if (object.get() && params)
+    *params = &static_cast<JSON_RPC_Request*>(object.get())->params;
+  return object;
+}
