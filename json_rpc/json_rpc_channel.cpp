@@ -68,3 +68,10 @@ int JSON_RPC_Channel::forward(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) { 
 int JSON_RPC_Channel::get_original_addr(ACE_Addr&) const { return -1; }
 
 ACE_Lock* JSON_RPC_Channel::io_mutex() { return nullptr; }
+
+void send_if_alive(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object)
+{
+  JSON_RPC_Channel_Strong_Ptr peer(channel);
+  if (!peer.null())
+    peer->send_object(object);
+}

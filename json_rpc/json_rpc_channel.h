@@ -68,4 +68,8 @@ private:
   mutable ACE_Thread_Mutex lock_;
 };
 
+/// Sends object if the channel still lives; the result is not reported, as
+/// registers that publish to many channels ignore it.
+JSON_RPC_EXPORT void send_if_alive(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object);
+
 #endif

@@ -130,22 +130,13 @@ int JSON_RPC_Channel_Map::channel_infos(std::vector<Channel_Info>& infos, int ty
   return 0;
 }
 
-namespace
-{
-  void send_to(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object)
-  {
-    JSON_RPC_Channel_Strong_Ptr peer(channel);
-    if (!peer.null())
-      peer->send_object(object);
-  }
-}
 
 int JSON_RPC_Channel_Map::notify(JSON_RPC_Object_Ptr object)
 {
   ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
   for (const auto& t : map_)
     for (const auto& entry : t.second)
-      send_to(entry.second, object);
+      send_if_alive(entry.second, object);
   return 0;
 }
 
@@ -157,7 +148,7 @@ int JSON_RPC_Channel_Map::notify(int type, const std::string& id, JSON_RPC_Objec
     return 0;
   auto i = t->second.find(id);
   if (i != t->second.end())
-    send_to(i->second, object);
+    send_if_alive(i->second, object);
   return 0;
 }
 
@@ -173,7 +164,7 @@ int JSON_RPC_Channel_Map::notify(int type, const std::vector<json_spirit::Value>
       continue;
     auto i = t->second.find(id.get_str());
     if (i != t->second.end())
-      send_to(i->second, object);
+      send_if_alive(i->second, object);
   }
   return 0;
 }

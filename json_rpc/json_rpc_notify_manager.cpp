@@ -96,28 +96,17 @@ int JSON_RPC_Notify_Manager::unsubscribe_subject(const std::string& subject)
   return 0;
 }
 
-namespace
-{
-  void send_to(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object)
-  {
-    JSON_RPC_Channel_Strong_Ptr peer(channel);
-    if (!peer.null())
-      peer->send_object(object);
-  }
-}
 
 int JSON_RPC_Notify_Manager::notify(std::string subject, JSON_RPC_Object_Ptr object)
 {
   ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
   auto range = subscriptions_.equal_range(subject);
   for (auto i = range.first; i != range.second; ++i)
-    send_to(i->second, object);
+    send_if_alive(i->second, object);
   range = subscriptions_.equal_range("*");
   for (auto i = range.first; i != range.second; ++i)
-    send_to(i->second, object);
-  JSON_RPC_Channel_Strong_Ptr global = Global_JSON_RPC_Channel::instance();
-  if (!global.null())
-    global->send_object(object);
+    send_if_alive(i->second, object);
+  send_if_alive(Global_JSON_RPC_Channel::channel_, object);
   return 0;
 }
 

@@ -53,6 +53,40 @@ namespace
     }
     return true;
   }
+
+  bool has_channel(const JSON_RPC_Channel_Strong_Ptr& channel)
+  {
+    if (!channel.null())
+      return true;
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+    return false;
+  }
+
+  // The waiter of one call, owned by handler; null (errno 12) without memory.
+  JSON_RPC_Future_Handler* new_waiter(JSON_RPC_Handler_Ptr& handler)
+  {
+    JSON_RPC_Future_Handler* waiter = new (std::nothrow) JSON_RPC_Future_Handler;
+    if (!waiter)
+      errno = ENOMEM;
+    handler.reset(waiter);
+    return waiter;
+  }
+
+  bool enter(const json_spirit::Value& id, const JSON_RPC_Handler_Ptr& handler)
+  {
+    if (JSON_RPC_Response_Map::instance()->insert(id, handler) == 0)
+      return true;
+    ACE_ERROR((LM_ERROR, "Failed to insert response handler to map.\n"));
+    return false;
+  }
+
+  bool sent(int result)
+  {
+    if (result != -1)
+      return true;
+    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+    return false;
+  }
 }
 
 JSON_RPC_Session::JSON_RPC_Session() {}
@@ -63,32 +97,20 @@ void JSON_RPC_Session::reset(JSON_RPC_Channel_Strong_Ptr channel) { channel_ = c
 
 bool JSON_RPC_Session::request(JSON_RPC_Object_Ptr request, JSON_RPC_Object_Ptr& response, long long timeout)
 {
-  if (channel_.null())
-  {
-    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+  if (!has_channel(channel_))
     return false;
-  }
   if (timeout == 0)
     get_timeout_env(timeout);
-  JSON_RPC_Future_Handler* waiter = new (std::nothrow) JSON_RPC_Future_Handler;
+  JSON_RPC_Handler_Ptr handler;
+  JSON_RPC_Future_Handler* waiter = new_waiter(handler);
   if (!waiter)
-  {
-    errno = ENOMEM;
     return false;
-  }
-  JSON_RPC_Handler_Ptr handler(waiter);
   JSON_RPC_Id_Generator::gen(*request);
-  if (JSON_RPC_Response_Map::instance()->insert(request->id, handler) != 0)
-  {
-    ACE_ERROR((LM_ERROR, "Failed to insert response handler to map.\n"));
+  if (!enter(request->id, handler))
     return false;
-  }
   Entry_Guard entry(request->id);
-  if (channel_->send_object(request) == -1)
-  {
-    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+  if (!sent(channel_->send_object(request)))
     return false;
-  }
   if (timeout > 600 || timeout < 0)
     timeout = 600;
   ACE_Time_Value deadline = ACE_Time_Value(static_cast<time_t>(timeout), 0).to_absolute_time();
@@ -98,11 +120,8 @@ bool JSON_RPC_Session::request(JSON_RPC_Object_Ptr request, JSON_RPC_Object_Ptr&
 bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_RPC_Object_Ptr& response,
                                long long timeout)
 {
-  if (channel_.null())
-  {
-    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+  if (!has_channel(channel_))
     return false;
-  }
   if (!method || !*method)
   {
     ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, method is NULL or \"\":\n%?\n"));
@@ -110,26 +129,17 @@ bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_
   }
   if (timeout == 0)
     get_timeout_env(timeout);
-  JSON_RPC_Future_Handler* waiter = new (std::nothrow) JSON_RPC_Future_Handler;
+  JSON_RPC_Handler_Ptr handler;
+  JSON_RPC_Future_Handler* waiter = new_waiter(handler);
   if (!waiter)
-  {
-    errno = ENOMEM;
     return false;
-  }
-  JSON_RPC_Handler_Ptr handler(waiter);
   JSON_RPC_Request_Generator generator(method, params);
   json_spirit::Value id(generator.id());
-  if (JSON_RPC_Response_Map::instance()->insert(id, handler) != 0)
-  {
-    ACE_ERROR((LM_ERROR, "Failed to insert response handler to map.\n"));
+  if (!enter(id, handler))
     return false;
-  }
   Entry_Guard entry(id);
-  if (channel_->send_generator(generator) == -1)
-  {
-    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+  if (!sent(channel_->send_generator(generator)))
     return false;
-  }
   if (timeout < 0)
     return wait(waiter, response, nullptr);
   ACE_Time_Value deadline(ACE_OS::time(0) + static_cast<time_t>(timeout), 0);
@@ -138,11 +148,8 @@ bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_
 
 bool JSON_RPC_Session::notify(JSON_RPC_Object_Ptr object)
 {
-  if (channel_.null())
-  {
-    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel_.get() is NULL:\n%?\n"));
+  if (!has_channel(channel_))
     return false;
-  }
   if (channel_->send_object(object) == -1)
   {
     ACE_ERROR((LM_ERROR, "Failed to send notify to channel, errno=%d, %m.\n", ACE_OS::last_error()));
