@@ -13,4 +13,11 @@
 #include "json_rpc/json_rpc_forward_map.h"
 #include "json_rpc/json_rpc_session.h"
 #include "json_rpc/json_rpc_utils.h"
+#include "json_rpc/json_rpc_thread_handler.h"
+#include "json_rpc/json_rpc_thread_pool_handler.h"
+#include "json_rpc/json_rpc_thread_pool_handler_impl.h"
+#include "json_rpc/json_rpc_params_filter.h"
+#include "json_rpc/json_restful.h"
+#include "json_rpc/json_rpc_conf.h"
+#include "json_rpc/json_rpc_service.h"
 #endif
