@@ -1,6 +1,6 @@
 #include "json_rpc/json_restful.h"
 
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -48,25 +48,9 @@ template class Object_Creator_T<JSON_RESTful_Handler>;
 JSON_RESTful_Handler_Creator_Map::JSON_RESTful_Handler_Creator_Map() {}
 JSON_RESTful_Handler_Creator_Map::~JSON_RESTful_Handler_Creator_Map() {}
 
-JSON_RESTful_Handler_Creator_Map* JSON_RESTful_Handler_Creator_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RESTful_Handler_Creator_Map, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RESTful_Handler_Creator_Map::close_instance()
-{
-  ACE_Unmanaged_Singleton<JSON_RESTful_Handler_Creator_Map, ACE_Null_Mutex>::close();
-}
+TESSEL_DEFINE_SINGLETON(JSON_RESTful_Handler_Creator_Map)
 
 JSON_RESTful_Request_Map::JSON_RESTful_Request_Map() {}
 JSON_RESTful_Request_Map::~JSON_RESTful_Request_Map() {}
 
-JSON_RESTful_Request_Map* JSON_RESTful_Request_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RESTful_Request_Map, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RESTful_Request_Map::close_instance()
-{
-  ACE_Unmanaged_Singleton<JSON_RESTful_Request_Map, ACE_Null_Mutex>::close();
-}
+TESSEL_DEFINE_SINGLETON(JSON_RESTful_Request_Map)

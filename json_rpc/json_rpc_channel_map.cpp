@@ -8,8 +8,7 @@
 #include <ace/Log_Msg.h>
 #include <ace/OS_NS_stdlib.h>
 #include <ace/OS_NS_time.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 #include <cerrno>
 #include <new>
@@ -19,12 +18,7 @@ typedef Peer_Addr_String_T<JSON_RPC_Channel> Peer_Addr_String;
 JSON_RPC_Channel_Map::JSON_RPC_Channel_Map() {}
 JSON_RPC_Channel_Map::~JSON_RPC_Channel_Map() {}
 
-JSON_RPC_Channel_Map* JSON_RPC_Channel_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Channel_Map, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Channel_Map::close_instance() { ACE_Unmanaged_Singleton<JSON_RPC_Channel_Map, ACE_Null_Mutex>::close(); }
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Channel_Map)
 
 JSON_RPC_Channel_Weak_Ptr JSON_RPC_Channel_Map::find(const std::string& id) const
 {
@@ -193,12 +187,7 @@ void JSON_RPC_Channel_Map::notify_channel_state(const std::string& id, int type,
 JSON_RPC_Channel_Pool::JSON_RPC_Channel_Pool() {}
 JSON_RPC_Channel_Pool::~JSON_RPC_Channel_Pool() {}
 
-JSON_RPC_Channel_Pool* JSON_RPC_Channel_Pool::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Channel_Pool, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Channel_Pool::close_instance() { ACE_Unmanaged_Singleton<JSON_RPC_Channel_Pool, ACE_Null_Mutex>::close(); }
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Channel_Pool)
 
 int JSON_RPC_Channel_Pool::insert(JSON_RPC_Channel_Weak_Ptr channel)
 {

@@ -5,20 +5,14 @@
 #include "tessel/peer_addr_string_t.h"
 
 #include <ace/Log_Msg.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 typedef Peer_Addr_String_T<JSON_RPC_Channel> Peer_Addr_String;
 
 JSON_RPC_Dispatcher::JSON_RPC_Dispatcher() {}
 JSON_RPC_Dispatcher::~JSON_RPC_Dispatcher() {}
 
-JSON_RPC_Dispatcher* JSON_RPC_Dispatcher::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Dispatcher, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Dispatcher::close_instance() { ACE_Unmanaged_Singleton<JSON_RPC_Dispatcher, ACE_Null_Mutex>::close(); }
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Dispatcher)
 
 int JSON_RPC_Dispatcher::dispatch(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object)
 {

@@ -1,8 +1,7 @@
 #include "json_rpc/json_rpc_handler.h"
 
 #include <ace/Guard_T.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 JSON_RPC_Handler::JSON_RPC_Handler() : silent_(false) {}
 JSON_RPC_Handler::~JSON_RPC_Handler() {}
@@ -12,25 +11,12 @@ int JSON_RPC_Handler::fini() { return 0; }
 JSON_RPC_Request_Map::JSON_RPC_Request_Map() {}
 JSON_RPC_Request_Map::~JSON_RPC_Request_Map() {}
 
-JSON_RPC_Request_Map* JSON_RPC_Request_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Request_Map, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Request_Map::close_instance() { ACE_Unmanaged_Singleton<JSON_RPC_Request_Map, ACE_Null_Mutex>::close(); }
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Request_Map)
 
 JSON_RPC_Response_Map::JSON_RPC_Response_Map() {}
 JSON_RPC_Response_Map::~JSON_RPC_Response_Map() {}
 
-JSON_RPC_Response_Map* JSON_RPC_Response_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Response_Map, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Response_Map::close_instance()
-{
-  ACE_Unmanaged_Singleton<JSON_RPC_Response_Map, ACE_Null_Mutex>::close();
-}
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Response_Map)
 
 JSON_RPC_Handler_Ptr JSON_RPC_Response_Map::find(const json_spirit::Value& id) const
 {

@@ -3,21 +3,12 @@
 #include "json_rpc/json_rpc_channel_map.h"
 
 #include <ace/Guard_T.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 JSON_RPC_Notify_Manager::JSON_RPC_Notify_Manager() {}
 JSON_RPC_Notify_Manager::~JSON_RPC_Notify_Manager() {}
 
-JSON_RPC_Notify_Manager* JSON_RPC_Notify_Manager::instance()
-{
-  return ACE_Unmanaged_Singleton<JSON_RPC_Notify_Manager, ACE_Null_Mutex>::instance();
-}
-
-void JSON_RPC_Notify_Manager::close_instance()
-{
-  ACE_Unmanaged_Singleton<JSON_RPC_Notify_Manager, ACE_Null_Mutex>::close();
-}
+TESSEL_DEFINE_SINGLETON(JSON_RPC_Notify_Manager)
 
 int JSON_RPC_Notify_Manager::subscribe(JSON_RPC_Channel_Weak_Ptr channel, const std::vector<std::string>& subjects)
 {

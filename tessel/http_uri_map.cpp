@@ -1,8 +1,7 @@
 #include "tessel/http_uri_map.h"
 
 #include <ace/Guard_T.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "tessel/singleton.h"
 
 HTTP_URI_Map::HTTP_URI_Map() {}
 HTTP_URI_Map::~HTTP_URI_Map() {}
@@ -27,19 +26,6 @@ std::string HTTP_URI_Map::find(const std::string& uri) const
   return i == map_.end() ? std::string() : i->second;
 }
 
-HTTP_File_URI_Map* HTTP_File_URI_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<HTTP_File_URI_Map, ACE_Null_Mutex>::instance();
-}
+TESSEL_DEFINE_SINGLETON(HTTP_File_URI_Map)
 
-void HTTP_File_URI_Map::close_instance() { ACE_Unmanaged_Singleton<HTTP_File_URI_Map, ACE_Null_Mutex>::close(); }
-
-HTTP_Redirect_URI_Map* HTTP_Redirect_URI_Map::instance()
-{
-  return ACE_Unmanaged_Singleton<HTTP_Redirect_URI_Map, ACE_Null_Mutex>::instance();
-}
-
-void HTTP_Redirect_URI_Map::close_instance()
-{
-  ACE_Unmanaged_Singleton<HTTP_Redirect_URI_Map, ACE_Null_Mutex>::close();
-}
+TESSEL_DEFINE_SINGLETON(HTTP_Redirect_URI_Map)
