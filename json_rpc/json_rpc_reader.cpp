@@ -1,5 +1,6 @@
 #include "json_rpc/json_rpc_reader.h"
 #include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_params_filter.h"
 #include "json_spirit/json_spirit_writer.h"
 
 #include <ace/Log_Msg.h>
@@ -430,10 +431,27 @@ bool JSON_RPC_Reader::finish_forward()
   return ok;
 }
 
-int JSON_RPC_Reader::filter_request(char const*, unsigned long long)
+int JSON_RPC_Reader::filter_request(char const* value, unsigned long long length)
 {
-  // No params filters are installed yet.
-  return 0;
+  // With params ahead of method no filter can be found: assemble them.
+  if (!(levels.back().seen & KEY_METHOD))
+    return 0;
+  JSON_RPC_Object* o = object_.get();
+  if (!o || (o->type != JSON_RPC_Object::TYPE_NOTIFICATION && o->type != JSON_RPC_Object::TYPE_REQUEST))
+    return -1;
+  JSON_RPC_Params_Handler_Creator* creator =
+    JSON_RPC_Params_Handler_Map::instance()->find(static_cast<JSON_RPC_Request*>(o)->method);
+  if (!creator)
+    return 0;
+  delegate = creator->create(JSON_RPC_Channel_Weak_Ptr(request_channel_), object_);
+  if (!delegate)
+    return -1;
+  handled_indirectly_ = true;
+  bool ok = handle_indirectly(value, length);
+  // A scalar has no closing event: the filter has seen the whole value.
+  if (callback != EVENT_START_MAP && callback != EVENT_START_ARRAY)
+    release_delegate();
+  return ok ? 1 : -1;
 }
 
 int JSON_RPC_Reader::filter_response(char const* value, unsigned long long length)
