@@ -1,0 +1,334 @@
+// The registers that remember channels: channel map, notification manager,
+// pool, global channel, forward map and response map.
+#include "fake_channel.h"
+#include "log_capture.h"
+
+#include "json_rpc/json_rpc_channel_map.h"
+#include "json_rpc/json_rpc_forward_map.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace
+{
+  JSON_RPC_Channel_Strong_Ptr make_channel(int type = 0, const std::string& id = "", unsigned short port = 4000)
+  {
+    return JSON_RPC_Channel_Strong_Ptr(new Fake_Channel(type, id, port));
+  }
+
+  Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& p) { return static_cast<Fake_Channel&>(*p); }
+
+  JSON_RPC_Object_Ptr notification(const std::string& method)
+  {
+    JSON_RPC_Request* r = new JSON_RPC_Request;
+    r->type = JSON_RPC_Object::TYPE_NOTIFICATION;
+    r->method = method;
+    return JSON_RPC_Object_Ptr(r);
+  }
+
+  std::vector<std::string> methods(const Fake_Channel& c)
+  {
+    std::vector<std::string> out;
+    for (const auto& o : c.sent())
+      out.push_back(as_request(o).method);
+    return out;
+  }
+
+  // Each test starts with fresh registers and no global channel.
+  class Registers : public ::testing::Test
+  {
+  protected:
+    void TearDown() override
+    {
+      Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
+      JSON_RPC_Notify_Manager::close_instance();
+      JSON_RPC_Channel_Map::close_instance();
+      JSON_RPC_Channel_Pool::close_instance();
+      JSON_RPC_Response_Map::close_instance();
+    }
+  };
+}
+
+TEST_F(Registers, ChannelMapFindsByTypeAndIdAndPrefersTheLowestType)
+{
+  auto a = make_channel(2, "peer"), b = make_channel(1, "peer"), c = make_channel(2, "other");
+  auto* map = JSON_RPC_Channel_Map::instance();
+  ASSERT_EQ(0, map->insert(a));
+  ASSERT_EQ(0, map->insert(b));
+  ASSERT_EQ(0, map->insert(c));
+  EXPECT_EQ(b.get(), JSON_RPC_Channel_Strong_Ptr(map->find("peer")).get());
+  EXPECT_EQ(a.get(), JSON_RPC_Channel_Strong_Ptr(map->find(2, "peer")).get());
+  EXPECT_TRUE(JSON_RPC_Channel_Strong_Ptr(map->find(3, "peer")).null());
+  EXPECT_TRUE(JSON_RPC_Channel_Strong_Ptr(map->find("nobody")).null());
+}
+
+TEST_F(Registers, RegistrationAndRemovalAreAnnouncedWithTheirParams)
+{
+  auto watcher = make_channel(5, "watcher");
+  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(watcher),
+                                                 {"channel.registered", "channel.unregistered"});
+  auto peer = make_channel(7, "agent-1", 4242);
+  Log_Capture log;
+  ASSERT_EQ(0, JSON_RPC_Channel_Map::instance()->insert(peer));
+  EXPECT_TRUE(log.contains("Channel(type: 7) agent-1(127.0.0.1:4242) is registered.\n"));
+  // The base get_original_addr fails: a warning, and the notice still goes out.
+  EXPECT_TRUE(log.contains("Failed to get address of peer.\n"));
+  ASSERT_EQ(1u, fake(watcher).count());
+  const JSON_RPC_Request& reg = as_request(fake(watcher).sent()[0]);
+  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, reg.type);
+  EXPECT_EQ("channel.registered", reg.method);
+  const json_spirit::Object& p = reg.params.get_obj();
+  EXPECT_EQ("agent-1", p.at("channel_id").get_str());
+  EXPECT_EQ(7, p.at("channel_type").get_int());
+  EXPECT_EQ(json_spirit::int_type, p.at("ts").type());
+  EXPECT_GT(p.at("ts").get_int64(), 1600000000LL);
+  EXPECT_EQ(json_spirit::str_type, p.at("channel_address").type());
+  EXPECT_EQ(4u, p.size());
+
+  ASSERT_EQ(0, JSON_RPC_Channel_Map::instance()->remove(peer));
+  EXPECT_TRUE(log.contains("Channel(type: 7) agent-1 is unregistered.\n"));
+  ASSERT_EQ(2u, fake(watcher).count());
+  const JSON_RPC_Request& unreg = as_request(fake(watcher).sent()[1]);
+  EXPECT_EQ("channel.unregistered", unreg.method);
+  EXPECT_EQ(0u, unreg.params.get_obj().count("channel_address"));
+  EXPECT_EQ(3u, unreg.params.get_obj().size());
+}
+
+TEST_F(Registers, ANewerChannelUnderTheSameKeySurvivesTheRemovalOfTheOld)
+{
+  auto watcher = make_channel(5, "watcher");
+  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(watcher), {"*"});
+  auto* map = JSON_RPC_Channel_Map::instance();
+  auto old_channel = make_channel(1, "agent"), new_channel = make_channel(1, "agent");
+  map->insert(old_channel);
+  map->insert(new_channel);
+  EXPECT_EQ((std::vector<std::string>{"channel.registered", "channel.registered"}), methods(fake(watcher)));
+  EXPECT_EQ(0, map->remove(old_channel));
+  EXPECT_EQ(2u, fake(watcher).count());
+  EXPECT_EQ(new_channel.get(), JSON_RPC_Channel_Strong_Ptr(map->find(1, "agent")).get());
+  // Removing by key works even for a key never registered, and is announced.
+  EXPECT_EQ(0, map->remove(9, "ghost"));
+  EXPECT_EQ("channel.unregistered", methods(fake(watcher)).back());
+  EXPECT_EQ(0, map->remove(JSON_RPC_Channel_Strong_Ptr()));
+}
+
+TEST_F(Registers, ChannelInfosListsTheLivingAndSweepsTheDead)
+{
+  auto* map = JSON_RPC_Channel_Map::instance();
+  auto a = make_channel(1, "a", 1001), b = make_channel(2, "b", 1002);
+  map->insert(a);
+  map->insert(b);
+  {
+    auto dead = make_channel(2, "dead");
+    map->insert(dead);
+  }
+  auto watcher = make_channel(5, "watcher");
+  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(watcher), {"channel.unregistered"});
+  Log_Capture log;
+  std::vector<JSON_RPC_Channel_Map::Channel_Info> infos;
+  ASSERT_EQ(0, map->channel_infos(infos, 0));
+  ASSERT_EQ(2u, infos.size());
+  EXPECT_EQ("a", infos[0].id);
+  EXPECT_EQ(1002, infos[1].addr.get_port_number());
+  EXPECT_TRUE(log.contains("JSON-RPC channel dead is gone.\n"));
+  EXPECT_EQ(1u, fake(watcher).count());
+  infos.clear();
+  map->channel_infos(infos, 2);
+  ASSERT_EQ(1u, infos.size());
+  EXPECT_EQ("b", infos[0].id);
+  EXPECT_EQ(1u, log.count("is gone")); // swept by the first listing
+}
+
+TEST_F(Registers, ChannelMapNotifySendsToLivingChannelsAndOnlyToStringIds)
+{
+  auto* map = JSON_RPC_Channel_Map::instance();
+  EXPECT_EQ(0, map->notify(notification("x")));
+  auto a = make_channel(3, "a"), b = make_channel(3, "b"), c = make_channel(4, "c");
+  map->insert(a);
+  map->insert(b);
+  map->insert(c);
+  fake(a).fail(true);
+  EXPECT_EQ(0, map->notify(notification("all")));
+  EXPECT_EQ(1u, fake(b).count());
+  EXPECT_EQ(1u, fake(c).count());
+  EXPECT_EQ(0, map->notify(3, "b", notification("one")));
+  EXPECT_EQ(0, map->notify(3, "zzz", notification("none")));
+  EXPECT_EQ(2u, fake(b).count());
+  EXPECT_EQ(0, map->notify(3, std::vector<json_spirit::Value>{json_spirit::Value(42), json_spirit::Value("b"),
+                                                             json_spirit::Value("b")},
+                           notification("listed")));
+  EXPECT_EQ((std::vector<std::string>{"all", "one", "listed", "listed"}), methods(fake(b)));
+  EXPECT_EQ(1u, fake(c).count());
+}
+
+TEST_F(Registers, NotifyReachesSubjectThenStarThenGlobalAndSkipsTheDead)
+{
+  auto* nm = JSON_RPC_Notify_Manager::instance();
+  auto subject = make_channel(0, "s"), star = make_channel(0, "star"), global = make_channel(0, "g");
+  Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr(global));
+  nm->subscribe(JSON_RPC_Channel_Weak_Ptr(subject), {"news", "news"});
+  nm->subscribe(JSON_RPC_Channel_Weak_Ptr(star), {"*"});
+  {
+    auto dead = make_channel();
+    nm->subscribe(JSON_RPC_Channel_Weak_Ptr(dead), {"news"});
+  }
+  fake(subject).fail(true);
+  EXPECT_EQ(0, nm->notify("news", notification("news")));
+  fake(subject).fail(false);
+  EXPECT_EQ(0, nm->notify("news", notification("news")));
+  EXPECT_EQ(2u, fake(subject).count()); // subscribed twice: two copies
+  EXPECT_EQ(2u, fake(star).count());
+  EXPECT_EQ(2u, fake(global).count());
+  EXPECT_EQ(0, nm->notify("other", notification("other")));
+  EXPECT_EQ(2u, fake(subject).count());
+  EXPECT_EQ(3u, fake(star).count());
+  EXPECT_EQ(3u, fake(global).count());
+  // "*" as the subject reaches the star subscribers twice.
+  nm->notify("*", notification("*"));
+  EXPECT_EQ(5u, fake(star).count());
+}
+
+TEST_F(Registers, UnsubscribeFormsRemoveWhatTheySayAndSweepDeadChannels)
+{
+  auto* nm = JSON_RPC_Notify_Manager::instance();
+  auto a = make_channel(), b = make_channel();
+  JSON_RPC_Channel_Weak_Ptr wa(a), wb(b);
+  nm->subscribe(wa, {"x", "x", "y"});
+  nm->subscribe(wb, {"x", "z"});
+  EXPECT_EQ(0, nm->subscribe(wa, {}));
+  EXPECT_EQ(5u, nm->size());
+  EXPECT_EQ(0, nm->unsubscribe(wa, std::vector<std::string>{"x"}));
+  EXPECT_EQ(3u, nm->size());
+  EXPECT_EQ(0, nm->unsubscribe(std::string("nothing")));
+  EXPECT_EQ(0, nm->unsubscribe(std::vector<std::string>{"z"}));
+  EXPECT_EQ(2u, nm->size());
+  {
+    auto d1 = make_channel(), d2 = make_channel();
+    nm->subscribe(JSON_RPC_Channel_Weak_Ptr(d1), {"x"});
+    nm->subscribe(JSON_RPC_Channel_Weak_Ptr(d2), {"q"});
+  }
+  EXPECT_EQ(4u, nm->size());
+  // A dead pointer sweeps every dead entry and leaves the living.
+  EXPECT_EQ(0, nm->unsubscribe(JSON_RPC_Channel_Weak_Ptr()));
+  EXPECT_EQ(2u, nm->size());
+  EXPECT_EQ(0, nm->unsubscribe(wa));
+  EXPECT_EQ(1u, nm->size());
+  nm->notify("x", notification("x"));
+  EXPECT_EQ(1u, fake(b).count());
+  EXPECT_EQ(0u, fake(a).count());
+}
+
+TEST_F(Registers, PoolAddsOnceSweepsTheDeadAndPicksStablyWithinASecond)
+{
+  auto* pool = JSON_RPC_Channel_Pool::instance();
+  EXPECT_TRUE(JSON_RPC_Channel_Strong_Ptr(pool->channel()).null());
+  auto a = make_channel(), b = make_channel(), c = make_channel();
+  EXPECT_EQ(0, pool->insert(JSON_RPC_Channel_Weak_Ptr(a)));
+  EXPECT_EQ(-1, pool->insert(JSON_RPC_Channel_Weak_Ptr(a)));
+  EXPECT_EQ(-1, pool->insert(JSON_RPC_Channel_Weak_Ptr()));
+  {
+    auto d = make_channel();
+    pool->insert(JSON_RPC_Channel_Weak_Ptr(d));
+  }
+  // Removing a dead pointer sweeps every dead element.
+  EXPECT_EQ(2u, pool->size());
+  EXPECT_EQ(0, pool->remove(JSON_RPC_Channel_Weak_Ptr()));
+  EXPECT_EQ(1u, pool->size());
+  EXPECT_EQ(a.get(), JSON_RPC_Channel_Strong_Ptr(pool->channel()).get());
+  EXPECT_EQ(0, pool->remove(JSON_RPC_Channel_Weak_Ptr(b)));
+  EXPECT_EQ(1u, pool->size());
+  pool->insert(JSON_RPC_Channel_Weak_Ptr(b));
+  pool->insert(JSON_RPC_Channel_Weak_Ptr(c));
+  std::set<JSON_RPC_Channel*> picked;
+  for (int i = 0; i < 5; ++i)
+    picked.insert(JSON_RPC_Channel_Strong_Ptr(pool->channel()).get());
+  // Seeded by the second: a change of second between the calls may give two.
+  EXPECT_LE(picked.size(), 2u);
+  EXPECT_EQ(0u, picked.count(nullptr));
+}
+
+TEST_F(Registers, GlobalChannelIsNullUnsetAndAfterDeath)
+{
+  EXPECT_TRUE(Global_JSON_RPC_Channel::instance().null());
+  {
+    auto g = make_channel();
+    Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr(g));
+    EXPECT_EQ(g.get(), Global_JSON_RPC_Channel::instance().get());
+  }
+  EXPECT_TRUE(Global_JSON_RPC_Channel::instance().null());
+}
+
+TEST(Forward_Map, CountsOnHandsEachEntryOutOnceAndAnswersOnClear)
+{
+  JSON_RPC_Forward_Map map;
+  auto requester = make_channel(0, "r");
+  JSON_RPC_Channel_Weak_Ptr weak(requester);
+  EXPECT_EQ(1, map.put(json_spirit::Value("abc"), weak));
+  EXPECT_EQ(2, map.put(json_spirit::Value(7), weak));
+  JSON_RPC_Forward_Map::Entry entry;
+  EXPECT_EQ(-1, map.get(0, entry));
+  EXPECT_EQ(-1, map.get(-1, entry));
+  ASSERT_EQ(0, map.get(1, entry));
+  EXPECT_EQ("abc", entry.first.get_str());
+  EXPECT_EQ(requester.get(), JSON_RPC_Channel_Strong_Ptr(entry.second).get());
+  EXPECT_EQ(-1, map.get(1, entry));
+
+  Log_Capture log;
+  map.put(json_spirit::Value(), weak);
+  {
+    auto gone = make_channel();
+    map.put(json_spirit::Value("lost"), JSON_RPC_Channel_Weak_Ptr(gone));
+  }
+  map.clear();
+  EXPECT_TRUE(log.contains("Abort sending JSON-RPC error, requester (id=lost, forward_id=4) is gone\n"));
+  ASSERT_EQ(2u, fake(requester).count());
+  for (const auto& sent : fake(requester).sent())
+  {
+    ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE_ERROR, sent->type);
+    const auto& e = static_cast<const JSON_RPC_Response_Error&>(*sent);
+    EXPECT_EQ(-32603, e.code);
+    EXPECT_EQ("Internal error, forwarder is closed.", e.message);
+  }
+  EXPECT_EQ(7, fake(requester).sent()[0]->id.get_int());
+  EXPECT_TRUE(fake(requester).sent()[1]->id.is_null());
+  EXPECT_EQ(5, map.put(json_spirit::Value(1), weak));
+  Log_Capture quiet;
+  JSON_RPC_Forward_Map().clear();
+  EXPECT_TRUE(quiet.empty());
+}
+
+namespace
+{
+  struct Counting_Handler : JSON_RPC_Handler
+  {
+    explicit Counting_Handler(int* alive) : alive_(alive) { ++*alive_; }
+    ~Counting_Handler() override { --*alive_; }
+    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return 0; }
+    int* alive_;
+  };
+}
+
+TEST_F(Registers, ResponseMapKeysByValueAndKeepsHeldHandlersAlive)
+{
+  int alive = 0;
+  auto* map = JSON_RPC_Response_Map::instance();
+  JSON_RPC_Handler_Ptr first(new Counting_Handler(&alive)), second(new Counting_Handler(&alive));
+  EXPECT_EQ(0, first->init(0, nullptr));
+  EXPECT_EQ(0, first->fini());
+  EXPECT_FALSE(first->silent());
+  EXPECT_EQ(0, map->insert(json_spirit::Value(5), first));
+  EXPECT_EQ(-1, map->insert(json_spirit::Value(5), second));
+  EXPECT_EQ(0, map->insert(json_spirit::Value("5"), second)); // a string is another key
+  EXPECT_EQ(first.get(), map->find(json_spirit::Value(5)).get());
+  EXPECT_EQ(-1, map->remove(json_spirit::Value(6)));
+  JSON_RPC_Handler_Ptr held = map->find(json_spirit::Value("5"));
+  second.reset();
+  map->clear();
+  EXPECT_EQ(nullptr, map->find(json_spirit::Value(5)).get());
+  EXPECT_EQ(2, alive); // first and held
+  held.reset();
+  EXPECT_EQ(1, alive);
+}
