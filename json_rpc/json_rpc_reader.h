@@ -20,6 +20,13 @@
 /// A message whose members belong to two kinds (method after result, or
 /// code after params) is refused with err 9: the first kind-fixing member
 /// decides the class, and a member of another class makes no sense for it.
+///
+/// Params filters: with MODE_FILTER_REQUEST and a creator for the method,
+/// the events of params go to a filter instead of the object. The reader
+/// owns the filter: it is deleted after the value's closing event, at once
+/// after a scalar params value (which has no closing event, so the rest of
+/// the message is read as usual), and on open(), close(), clear() or
+/// destruction when a message is given up in the middle of the value.
 class JSON_RPC_EXPORT JSON_RPC_Reader : public JSON_RPC_Parser
 {
 public:
