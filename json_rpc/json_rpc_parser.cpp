@@ -58,6 +58,7 @@ void JSON_RPC_Parser::close()
     yajl_free(handle);
     handle = nullptr;
   }
+  feeder_.reset();
   callback = EVENT_NONE;
   err = ERR_NONE;
   delegate = nullptr;
@@ -68,13 +69,12 @@ bool JSON_RPC_Parser::read(char const* data, unsigned long long length)
 {
   if (!handle)
     return false;
-  yajl_status status = data && length ? yajl_parse(handle, reinterpret_cast<const unsigned char*>(data), length)
-                                      : yajl_complete_parse(handle);
+  yajl_status status = feeder_.feed(handle, *this, data, length);
   if (status == yajl_status_ok)
     return true;
   unsigned long long key = levels.empty() ? 0 : levels.back().key;
   unsigned long long parent_key = levels.size() < 2 ? 0 : levels[levels.size() - 2].key;
-  YAJL_Error error(handle, true, data, length);
+  YAJL_Error error(handle, true, feeder_.data(), feeder_.length());
   ACE_ERROR((LM_ERROR, "Failed to parse JSON-RPC: %C, callback=%u, err=%u, level=%u, key=%u, parent_key=%u\n",
              error.c_str(), callback, err, static_cast<unsigned int>(levels.size()), static_cast<unsigned int>(key),
              static_cast<unsigned int>(parent_key)));

@@ -92,6 +92,8 @@ private:
   // Level-2 events inside "error" go through the member gate.
   bool in_error() const { return levels.size() == 2 && levels[0].key == KEY_ERROR; }
   YAJL_Handler* forward_to_delegate() const;
+
+  YAJL_Feeder feeder_;
 };
 
 #endif

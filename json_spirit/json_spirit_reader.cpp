@@ -9,12 +9,53 @@
 
 namespace json_spirit
 {
+  namespace
+  {
+    bool digits(const char*& p, const char* end)
+    {
+      const char* start = p;
+      while (p != end && *p >= '0' && *p <= '9')
+        ++p;
+      return p != start;
+    }
+
+    // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)? and nothing else: strtod
+    // alone would also take blanks, a plus sign, hex and "inf".
+    bool json_number(const char* p, const char* end, bool& integral)
+    {
+      if (p != end && *p == '-')
+        ++p;
+      if (p != end && *p == '0')
+        ++p;
+      else if (p == end || *p < '1' || *p > '9' || !digits(p, end))
+        return false;
+      integral = true;
+      if (p != end && *p == '.')
+      {
+        integral = false;
+        if (!digits(++p, end))
+          return false;
+      }
+      if (p != end && (*p == 'e' || *p == 'E'))
+      {
+        integral = false;
+        if (++p != end && (*p == '+' || *p == '-'))
+          ++p;
+        if (!digits(p, end))
+          return false;
+      }
+      return p == end;
+    }
+  }
+
   bool number_to_value(char const* text, unsigned long long length, Value& target)
   {
     if (!text || length == 0)
       return false;
     const char* end = text + length;
-    bool integral = std::find_if(text, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end;
+    bool integral = false;
+    if (!json_number(text, end, integral))
+      return false;
     if (integral)
     {
       long long i;
@@ -170,6 +211,7 @@ void JSON_Reader::close()
     yajl_free(handle_);
     handle_ = nullptr;
   }
+  feeder_.reset();
   result(nullptr);
 }
 
@@ -178,11 +220,10 @@ bool JSON_Reader::read(char const* data, unsigned long long length, int verbose)
   if (!handle_)
     return false;
   bool finish = !data || length == 0;
-  yajl_status status = finish ? yajl_complete_parse(handle_)
-                              : yajl_parse(handle_, reinterpret_cast<const unsigned char*>(data), length);
+  yajl_status status = feeder_.feed(handle_, *this, data, length);
   if (status != yajl_status_ok)
   {
-    YAJL_Error error(handle_, verbose != 0, data, length);
+    YAJL_Error error(handle_, verbose != 0, feeder_.data(), feeder_.length());
     ACE_ERROR((LM_ERROR, "Failed to parse JSON: %C\n", error.c_str()));
     return false;
   }
@@ -201,6 +242,9 @@ namespace json_spirit
     JSON_Reader reader;
     if (!reader.open())
       return false;
+    // An empty container as target would be filled as if its opening
+    // bracket had been read already.
+    value = Value();
     reader.result(&value);
     if (!text.empty() && !reader.read(text.data(), text.size()))
       return false;

@@ -80,6 +80,7 @@ public:
 
 private:
   yajl_handle handle_;
+  YAJL_Feeder feeder_;
 };
 
 namespace json_spirit

@@ -68,6 +68,8 @@ namespace json_spirit
     /// True for an integer that does not fit a 32-bit int (or that is only
     /// representable unsigned): such a value is read with get_int64().
     bool is_uint64() const;
+    /// An integer above LLONG_MAX, kept unsigned: read it with get_uint64().
+    bool is_unsigned() const { return type_ == int_type && unsigned_; }
 
     // Reading the wrong kind gives the kind's zero value (an empty string or
     // container, false, 0): callers test type() first.

@@ -34,7 +34,7 @@ int yajl_gen_value(yajl_gen_t* gen, const Value& value)
   case json_spirit::null_type: return yajl_gen_null(gen);
   case json_spirit::bool_type: return yajl_gen_bool(gen, value.get_bool());
   case json_spirit::int_type:
-    if (value.is_uint64() && value.get_int64() < 0)
+    if (value.is_unsigned())
     {
       char buffer[24];
       auto r = std::to_chars(buffer, buffer + sizeof buffer, value.get_uint64());

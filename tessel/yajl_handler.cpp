@@ -1,6 +1,6 @@
 #include "tessel/yajl_handler.h"
 
-YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE) {}
+YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE), event_count(0) {}
 YAJL_Handler::~YAJL_Handler() {}
 
 bool YAJL_Handler::handle_null_i() { return true; }
@@ -21,6 +21,7 @@ namespace
   {
     YAJL_Handler* h = static_cast<YAJL_Handler*>(ctx);
     h->callback = event;
+    ++h->event_count;
     return h;
   }
 
@@ -50,6 +51,64 @@ namespace
 }
 
 yajl_callbacks const* get_yajl_default_callbacks() { return &default_callbacks; }
+
+YAJL_Feeder::YAJL_Feeder() : carry_fed_(false), quiet_(0), data_(nullptr), length_(0) {}
+
+void YAJL_Feeder::reset()
+{
+  std::string().swap(carry_);
+  carry_fed_ = false;
+  quiet_ = 0;
+  data_ = nullptr;
+  length_ = 0;
+}
+
+yajl_status YAJL_Feeder::feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length)
+{
+  const bool finish = !data || length == 0;
+  if (carry_fed_)
+  {
+    carry_.clear();
+    carry_fed_ = false;
+  }
+  if (!finish && quiet_ > 0)
+  {
+    // Probably inside a token: gather until feeding costs YAJL no more
+    // than twice what it gets.
+    carry_.append(data, length);
+    if (carry_.size() < quiet_)
+    {
+      data_ = nullptr;
+      length_ = 0;
+      return yajl_status_ok;
+    }
+  }
+  if (!carry_.empty())
+  {
+    data = carry_.data();
+    length = carry_.size();
+    carry_fed_ = true;
+  }
+  data_ = data;
+  length_ = data ? length : 0;
+  yajl_status status = yajl_status_ok;
+  if (data && length)
+  {
+    const unsigned long long before = handler.event_count;
+    status = yajl_parse(handle, reinterpret_cast<const unsigned char*>(data), length);
+    quiet_ = handler.event_count == before ? quiet_ + length : 0;
+  }
+  if (finish && status == yajl_status_ok)
+  {
+    status = yajl_complete_parse(handle);
+    if (status != yajl_status_ok)
+    {
+      data_ = nullptr;
+      length_ = 0;
+    }
+  }
+  return status;
+}
 
 YAJL_Error::YAJL_Error(yajl_handle handle, bool verbose, char const* text, unsigned long long length)
   : handle_(handle), text_(nullptr)

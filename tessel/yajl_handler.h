@@ -45,11 +45,41 @@ public:
   virtual bool handle_end_array_i();
 
   unsigned int callback;
+  /// Events delivered so far, counted by the same callbacks.
+  unsigned long long event_count;
 };
 
 /// Callback table that routes every event to the YAJL_Handler given as the
 /// parser's context. Numbers arrive as raw text through handle_number_i.
 TESSEL_EXPORT yajl_callbacks const* get_yajl_default_callbacks();
+
+/// Hands pieces of input to yajl_parse in linear time. YAJL reads the
+/// buffered start of an unfinished token again on every call, so a long
+/// string fed in small pieces would cost time quadratic in its length.
+/// While the pieces bring no event, they are gathered here until there is
+/// as much as YAJL holds, and then fed at once. Events come in the same
+/// order, only later.
+class TESSEL_EXPORT YAJL_Feeder
+{
+public:
+  YAJL_Feeder();
+  /// Drops what was gathered; for a new parse handle.
+  void reset();
+  /// Feeds one piece to handle, whose context is handler; data null or
+  /// length 0 finishes the parse with yajl_complete_parse.
+  yajl_status feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length);
+  /// The text of the last yajl_parse call, for YAJL_Error; null after a
+  /// failed yajl_complete_parse.
+  char const* data() const { return data_; }
+  unsigned long long length() const { return length_; }
+
+private:
+  std::string carry_;
+  bool carry_fed_;
+  unsigned long long quiet_; // bytes fed since the last event
+  char const* data_;
+  unsigned long long length_;
+};
 
 /// The error text of a YAJL parse handle, freed with the object.
 class TESSEL_EXPORT YAJL_Error

@@ -1,0 +1,193 @@
+#include "json_spirit/json_spirit.h"
+
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <sstream>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace
+{
+  // Reads text fed in pieces of the given size (0: whole).
+  bool read(const std::string& text, Value& value, size_t piece = 0)
+  {
+    JSON_Reader reader;
+    if (!reader.open())
+      return false;
+    reader.result(&value);
+    if (piece == 0)
+      piece = text.size();
+    for (size_t at = 0; at < text.size(); at += piece)
+      if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
+        return false;
+    return reader.read(nullptr, 0);
+  }
+}
+
+TEST(JSON_Reader, ReadsAndWritesBackCompactInAnyPieces)
+{
+  const std::pair<const char*, const char*> cases[] = {
+    {"null", "null"},
+    {" true ", "true"},
+    {"-12", "-12"},
+    {"\"caf\\u00e9 \\ud83d\\ude00 \\/ \\u0000\"", "\"caf\xc3\xa9 \xf0\x9f\x98\x80 / \\u0000\""},
+    {"[ 1 , 2.5 , -0.0 , 1e2 , [ ] , { } ]", "[1,2.5,-0.0,100.0,[],{}]"},
+    {"{\"b\":[{\"c\":null}],\"a\":\"x\\ty\",\"a\":false}", "{\"a\":false,\"b\":[{\"c\":null}]}"},
+    {"18446744073709551615", "18446744073709551615"},
+    {"[-2147483649,2147483648]", "[-2147483649,2147483648]"},
+    {"[9223372036854775807,-9223372036854775808,18446744073709551616]",
+     "[9223372036854775807,-9223372036854775808,18446744073709551616.0]"},
+  };
+  for (const auto& c : cases)
+  {
+    Value whole;
+    ASSERT_TRUE(read(c.first, whole)) << c.first;
+    EXPECT_EQ(c.second, json_spirit::write_string(whole)) << c.first;
+    Value single;
+    ASSERT_TRUE(read(c.first, single, 1)) << c.first;
+    EXPECT_EQ(whole, single) << c.first;
+    Value again;
+    ASSERT_TRUE(json_spirit::read_string(c.second, again));
+    EXPECT_EQ(whole, again) << c.second;
+  }
+}
+
+TEST(JSON_Writer, WritesRealsInTheShortestTextThatReadsBack)
+{
+  const std::pair<double, const char*> cases[] = {
+    {0.1, "0.1"},     {2.0, "2.0"},         {-0.0, "-0.0"},  {1e22, "1e+22"},
+    {1.0 / 3, "0.3333333333333333"},        {5e-324, "5e-324"},
+    {DBL_MAX, "1.7976931348623157e+308"},   {123456.789, "123456.789"},
+  };
+  for (const auto& c : cases)
+  {
+    const std::string text = json_spirit::write_string(Value(c.first));
+    EXPECT_EQ(c.second, text);
+    Value back;
+    ASSERT_TRUE(json_spirit::read_string(text, back)) << text;
+    EXPECT_EQ(6, back.type()) << text;
+    const double d = back.get_real();
+    EXPECT_EQ(0, std::memcmp(&c.first, &d, sizeof d)) << text;
+  }
+  std::string out;
+  YAJL_String_Printer printer(&out);
+  EXPECT_FALSE(JSON_Writer().write(Value(Array{Value(NAN)}), printer));
+  EXPECT_FALSE(JSON_Writer().write(Value(INFINITY), printer));
+}
+
+TEST(JSON_Writer, PrettyFormAndDumpAndGeneratorForm)
+{
+  const Value v(Object{{"a", Value(Array{Value(1)})}});
+  std::ostringstream os;
+  YAJL_OStream_Printer printer(&os);
+  ASSERT_TRUE(JSON_Writer().write(v, printer, true));
+  Value back;
+  ASSERT_TRUE(json_spirit::read_string(os.str(), back));
+  EXPECT_EQ(v, back);
+  EXPECT_NE(std::string::npos, os.str().find('\n'));
+  EXPECT_STREQ("{\"a\":[1]}", JSON_Dump(v).c_str());
+
+  struct Generator : JSON_Generator
+  {
+    bool generate_i(YAJL_Gen& gen) override { return (gen << "text").ok(); }
+  } g;
+  std::string out;
+  YAJL_String_Printer sp(&out);
+  EXPECT_TRUE(JSON_Writer().write(g, sp));
+  EXPECT_EQ("\"text\"", out);
+}
+
+TEST(JSON_Parser, FillsAnEmptyContainerWithoutItsOpeningEvent)
+{
+  Value array{Array()};
+  JSON_Parser parser;
+  parser.result(&array);
+  EXPECT_TRUE(parser.handle_number_i("1", 1));
+  EXPECT_TRUE(parser.handle_start_map_i());
+  EXPECT_TRUE(parser.handle_map_key_i("k", 1));
+  EXPECT_TRUE(parser.handle_string_i("v", 1));
+  EXPECT_TRUE(parser.handle_end_map_i());
+  EXPECT_FALSE(parser.complete());
+  EXPECT_TRUE(parser.handle_end_array_i());
+  EXPECT_TRUE(parser.complete());
+  EXPECT_EQ(Value(Array{Value(1), Value(Object{{"k", Value("v")}})}), array);
+  // The value is finished: nothing more goes in.
+  EXPECT_FALSE(parser.handle_null_i());
+  EXPECT_FALSE(parser.handle_end_array_i());
+
+  Value object{Object()};
+  parser.result(&object);
+  EXPECT_TRUE(parser.handle_map_key_i("n", 1));
+  EXPECT_TRUE(parser.handle_null_i());
+  EXPECT_FALSE(parser.handle_end_array_i());
+  EXPECT_TRUE(parser.handle_end_map_i());
+  EXPECT_EQ(Value(Object{{"n", Value()}}), object);
+
+  // A target that holds something is replaced by the first value.
+  Value full(Array{Value(1)});
+  parser.result(&full);
+  EXPECT_TRUE(parser.handle_boolean_i(true));
+  EXPECT_TRUE(parser.complete());
+  EXPECT_EQ(Value(true), full);
+
+  parser.result(nullptr);
+  EXPECT_FALSE(parser.handle_null_i());
+}
+
+TEST(JSON_Reader, RefusesBadTextWithALogLine)
+{
+  const char* bad[] = {
+    "[1, 2",                // truncated
+    "{\"a\":1} {\"b\":2}",  // two documents
+    "[1] x",
+    "\"\xc3\x28\"",         // invalid UTF-8
+    "\"\xff\"",
+    "[1,]",
+    "",
+    "   ",
+    "[1e400]",              // no double holds it
+  };
+  for (const char* text : bad)
+  {
+    Log_Capture cap;
+    Value v;
+    EXPECT_FALSE(read(text, v)) << text;
+    EXPECT_TRUE(cap.contains("Failed to parse JSON: ") || cap.contains("refused")) << text << ": " << cap.text();
+    Value single;
+    EXPECT_FALSE(read(text, single, 1)) << text;
+  }
+}
+
+TEST(JSON_Reader, CanBeOpenedAgainAfterAFailure)
+{
+  Log_Capture cap;
+  JSON_Reader reader;
+  Value failed;
+  ASSERT_TRUE(reader.open());
+  reader.result(&failed);
+  EXPECT_FALSE(reader.read("[}", 2));
+  Value v;
+  ASSERT_TRUE(reader.open());
+  reader.result(&v);
+  EXPECT_TRUE(reader.read("[{}]", 4));
+  EXPECT_TRUE(reader.read(nullptr, 0));
+  EXPECT_EQ(Value(Array{Value(Object())}), v);
+  reader.close();
+  EXPECT_FALSE(reader.read("1", 1));
+}
+
+TEST(read_string, ReplacesWhatTheTargetHeld)
+{
+  for (Value target : {Value(Array()), Value(Object()), Value(Array{Value(1)}), Value("x")})
+  {
+    ASSERT_TRUE(json_spirit::read_string("[{\"a\":[]}]", target));
+    EXPECT_EQ(Value(Array{Value(Object{{"a", Value(Array())}})}), target);
+  }
+}

@@ -1,0 +1,109 @@
+#include "tessel/utils.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <set>
+#include <vector>
+
+namespace
+{
+  std::vector<unsigned int> waits(Exponential_Backoff_Iterator it, size_t at_most)
+  {
+    std::vector<unsigned int> out;
+    for (; it != Exponential_Backoff_Iterator() && out.size() < at_most; ++it)
+      out.push_back(*it);
+    return out;
+  }
+}
+
+TEST(Exponential_Backoff_Iterator, DoublesUpToTheCeilingAndStaysThere)
+{
+  EXPECT_EQ((std::vector<unsigned int>{1, 2, 4, 8, 16, 32, 60, 60, 60}),
+            waits(Exponential_Backoff_Iterator(1, 4294967295u, 60, true), 9));
+  EXPECT_EQ((std::vector<unsigned int>{5, 5, 5}), waits(Exponential_Backoff_Iterator(5, 3, 60, false), 10));
+  // A first wait above the ceiling is cut to it.
+  EXPECT_EQ((std::vector<unsigned int>{10, 10}), waits(Exponential_Backoff_Iterator(90, 2, 10, true), 10));
+}
+
+TEST(Exponential_Backoff_Iterator, CumulatesThePassedWaits)
+{
+  Exponential_Backoff_Iterator it(1, 4294967295u, 60, true);
+  EXPECT_EQ(0u, it.cumulation());
+  unsigned long long sum = 0;
+  for (int i = 0; i < 10; ++i, ++it)
+    sum += *it;
+  EXPECT_EQ(1u + 2 + 4 + 8 + 16 + 32 + 60 * 4, sum);
+  EXPECT_EQ(sum, it.cumulation());
+}
+
+TEST(Exponential_Backoff_Iterator, EndsAfterItsStepsAndEqualsEveryEnd)
+{
+  const Exponential_Backoff_Iterator end;
+  EXPECT_FALSE(end != Exponential_Backoff_Iterator());
+  EXPECT_FALSE(Exponential_Backoff_Iterator(1, 0, 60, true) != end);
+
+  Exponential_Backoff_Iterator it(1, 3, 60, true);
+  EXPECT_TRUE(it != end);
+  ++it;
+  ++it;
+  EXPECT_TRUE(it != end);
+  EXPECT_EQ(4u, *it);
+  ++it;
+  EXPECT_FALSE(it != end);
+  EXPECT_EQ(7u, it.cumulation());
+  // Stepping past the end changes nothing.
+  ++it;
+  EXPECT_FALSE(it != end);
+  EXPECT_EQ(7u, it.cumulation());
+
+  Exponential_Backoff_Iterator a(1, 5, 60, true), b(1, 5, 60, true);
+  EXPECT_FALSE(a != b);
+  ++a;
+  EXPECT_TRUE(a != b);
+  ++b;
+  EXPECT_FALSE(a != b);
+}
+
+TEST(uuid_string, IsLowerCaseCanonicalTextAndFresh)
+{
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i)
+  {
+    std::string id;
+    EXPECT_EQ(&id, &uuid_string(id, false));
+    ASSERT_EQ(36u, id.size());
+    for (size_t k = 0; k < id.size(); ++k)
+    {
+      if (k == 8 || k == 13 || k == 18 || k == 23)
+        EXPECT_EQ('-', id[k]) << id;
+      else
+        EXPECT_TRUE(std::isxdigit(static_cast<unsigned char>(id[k])) && !std::isupper(id[k])) << id;
+    }
+    seen.insert(id);
+  }
+  EXPECT_EQ(1000u, seen.size());
+
+  std::string upper;
+  uuid_string(upper, true);
+  for (char c : upper)
+    EXPECT_FALSE(std::islower(static_cast<unsigned char>(c))) << upper;
+}
+
+TEST(get_env_r, GivesTheValueOrEmpty)
+{
+  ::setenv("TESSEL_TEST_VARIABLE", "a value", 1);
+  EXPECT_EQ("a value", get_env_r("TESSEL_TEST_VARIABLE"));
+  ::unsetenv("TESSEL_TEST_VARIABLE");
+  EXPECT_EQ("", get_env_r("TESSEL_TEST_VARIABLE"));
+  EXPECT_EQ("", get_env_r(nullptr));
+}
+
+TEST(ACE_Addr_String, PrintsNumericAddressAndPort)
+{
+  EXPECT_STREQ("192.0.2.7:8080", ACE_Addr_String(ACE_INET_Addr(8080, "192.0.2.7")).c_str());
+  EXPECT_STREQ("[::1]:443", ACE_Addr_String(ACE_INET_Addr(443, "::1", AF_INET6)).c_str());
+  EXPECT_STREQ("[2001:db8::5]:1", ACE_Addr_String(ACE_INET_Addr(1, "2001:db8::5", AF_INET6)).c_str());
+  EXPECT_STREQ("", ACE_Addr_String(ACE_Addr()).c_str());
+}

@@ -1,0 +1,204 @@
+#include "tessel/yajl_gen.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+namespace
+{
+  // Parses text with the default callback table into handler, fed in
+  // pieces of the given size.
+  bool parse(const std::string& text, YAJL_Handler& handler, size_t piece)
+  {
+    yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &handler);
+    bool ok = true;
+    for (size_t at = 0; ok && at < text.size(); at += piece)
+      ok = yajl_parse(h, reinterpret_cast<const unsigned char*>(text.data()) + at,
+                      std::min(piece, text.size() - at)) == yajl_status_ok;
+    ok = ok && yajl_complete_parse(h) == yajl_status_ok;
+    yajl_free(h);
+    return ok;
+  }
+
+  struct Events : YAJL_Handler
+  {
+    std::string seen;
+    bool handle_number_i(char const* t, unsigned long long n) override { return note(std::string(t, n)); }
+    bool handle_start_map_i() override { return note("{"); }
+    bool handle_end_array_i() override { return note("]"); }
+    bool note(const std::string& s)
+    {
+      seen += std::to_string(callback) + ":" + s + " ";
+      return true;
+    }
+  };
+}
+
+TEST(YAJL_Handler, RecordsTheEventNumberAndHandsNumbersOverAsText)
+{
+  Events e;
+  ASSERT_TRUE(parse("[{}, 1.50, 12345678901234567890123]", e, 1000));
+  EXPECT_EQ("7:{ 5:1.50 5:12345678901234567890123 11:] ", e.seen);
+}
+
+TEST(YAJL_Forward_Handler, RegeneratesTheParsedTextInAnyPieces)
+{
+  const std::string text =
+    "{\"a\":[1,-2.5e3,true,false,null],\"b\":{\"c\":\"\\u00e9\\n\\\"\"},\"d\":[],\"e\":{},\"n\":123456789012345678901}";
+  for (size_t piece : {text.size(), size_t(1), size_t(7)})
+  {
+    std::ostringstream out;
+    YAJL_OStream_Printer printer(&out);
+    yajl_gen g = yajl_gen_alloc(nullptr);
+    yajl_gen_config(g, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
+    YAJL_Forward_Handler forward(g);
+    EXPECT_TRUE(parse(text, forward, piece));
+    yajl_gen_free(g);
+    EXPECT_EQ("{\"a\":[1,-2.5e3,true,false,null],\"b\":{\"c\":\"\xc3\xa9\\n\\\"\"},\"d\":[],\"e\":{},"
+              "\"n\":123456789012345678901}",
+              out.str())
+      << "piece " << piece;
+  }
+  // Without a generator every event is swallowed.
+  YAJL_Forward_Handler none;
+  EXPECT_TRUE(parse(text, none, 5));
+}
+
+TEST(YAJL_Forward_Handler, StopsTheParseWhenTheGeneratorRefuses)
+{
+  std::string out;
+  YAJL_String_Printer printer(&out);
+  yajl_gen g = yajl_gen_alloc(nullptr);
+  yajl_gen_config(g, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
+  YAJL_Forward_Handler forward(g);
+  // A second top-level value is refused by the generator.
+  yajl_gen_null(g);
+  EXPECT_FALSE(parse("[1]", forward, 3));
+  yajl_gen_free(g);
+}
+
+namespace
+{
+  struct Pair_Generator : JSON_Generator
+  {
+    bool fail = false;
+    bool generate_i(YAJL_Gen& gen) override
+    {
+      YAJL_Map_Guard map(gen.get());
+      gen << YAJL_Gen::Str("k", 1) << std::string("v") << "n" << YAJL_Gen::Number("1.50", 4) << "list";
+      gen.array_open() << true << 7 << 8LL << 0.5 << YAJL_Gen::Null();
+      gen.array_close();
+      return !fail;
+    }
+  };
+}
+
+TEST(JSON_Generator, WritesThroughYAJL_GenAndClosesTheGuardedMapOnEveryPath)
+{
+  for (bool fail : {false, true})
+  {
+    std::string out;
+    YAJL_String_Printer printer(&out);
+    YAJL_Gen gen(yajl_gen_alloc(nullptr), true);
+    yajl_gen_config(gen.get(), yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
+    Pair_Generator p;
+    p.fail = fail;
+    EXPECT_EQ(!fail, p.generate(gen.get()));
+    EXPECT_EQ("{\"k\":\"v\",\"n\":1.50,\"list\":[true,7,8,0.5,null]}", out);
+  }
+  Pair_Generator p;
+  EXPECT_FALSE(p.generate(nullptr));
+}
+
+TEST(YAJL_Gen, KeepsTheFirstRefusedStatus)
+{
+  YAJL_Gen gen(yajl_gen_alloc(nullptr), true);
+  gen.map_open() << 1;
+  EXPECT_EQ(yajl_gen_keys_must_be_strings, gen.status());
+  gen << "key" << "value";
+  gen.map_close();
+  EXPECT_FALSE(gen.ok());
+  EXPECT_EQ(yajl_gen_keys_must_be_strings, gen.status());
+}
+
+TEST(YAJL_Error, QuotesTheTextAroundTheFault)
+{
+  const std::string bad = "[1,,2]";
+  Events e;
+  yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &e);
+  ASSERT_NE(yajl_status_ok, yajl_parse(h, reinterpret_cast<const unsigned char*>(bad.data()), bad.size()));
+  {
+    YAJL_Error verbose(h, true, bad.data(), bad.size());
+    EXPECT_NE(nullptr, std::strstr(verbose.c_str(), "[1,,2]")) << verbose.c_str();
+    YAJL_Error terse(h, false, nullptr, 0);
+    EXPECT_NE(nullptr, std::strstr(terse.c_str(), "parse error")) << terse.c_str();
+    EXPECT_EQ(nullptr, std::strstr(terse.c_str(), "[1,,2]")) << terse.c_str();
+  }
+  yajl_free(h);
+  EXPECT_STREQ("", YAJL_Error(nullptr, true, nullptr, 0).c_str());
+}
+
+namespace
+{
+  struct Recorder : YAJL_Handler
+  {
+    std::string seen;
+    bool handle_null_i() override { return note("n"); }
+    bool handle_number_i(char const* t, unsigned long long n) override { return note(std::string(t, n)); }
+    bool handle_string_i(char const*, unsigned long long n) override { return note(std::to_string(n)); }
+    bool handle_start_array_i() override { return note("["); }
+    bool handle_end_array_i() override { return note("]"); }
+    bool note(const std::string& s)
+    {
+      seen += s + " ";
+      return true;
+    }
+  };
+}
+
+TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
+{
+  const std::string text = "[1, \"" + std::string(1 << 20, 'x') + "\", 22, null]";
+  Recorder r;
+  yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
+  YAJL_Feeder feeder;
+  unsigned int parse_calls = 0;
+  for (char c : text)
+  {
+    ASSERT_EQ(yajl_status_ok, feeder.feed(h, r, &c, 1));
+    parse_calls += feeder.data() != nullptr;
+  }
+  ASSERT_EQ(yajl_status_ok, feeder.feed(h, r, nullptr, 0));
+  EXPECT_EQ("[ 1 1048576 22 n ] ", r.seen);
+  // A million single bytes reach YAJL in a few growing pieces.
+  EXPECT_LT(parse_calls, 64u);
+  yajl_free(h);
+}
+
+TEST(YAJL_Feeder, ReportsAnErrorInGatheredTextWithThatText)
+{
+  Recorder r;
+  yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
+  YAJL_Feeder feeder;
+  const std::string text = "[\"abc\" x]";
+  yajl_status status = yajl_status_ok;
+  for (size_t i = 0; i < text.size() && status == yajl_status_ok; ++i)
+    status = feeder.feed(h, r, &text[i], 1);
+  if (status == yajl_status_ok)
+    status = feeder.feed(h, r, nullptr, 0);
+  EXPECT_EQ(yajl_status_error, status);
+  ASSERT_NE(nullptr, feeder.data());
+  YAJL_Error error(h, true, feeder.data(), feeder.length());
+  EXPECT_NE(nullptr, std::strstr(error.c_str(), "x]")) << error.c_str();
+  yajl_free(h);
+
+  // A premature end has no text to quote.
+  h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
+  feeder.reset();
+  EXPECT_EQ(yajl_status_ok, feeder.feed(h, r, "[1", 2));
+  EXPECT_EQ(yajl_status_error, feeder.feed(h, r, nullptr, 0));
+  EXPECT_EQ(nullptr, feeder.data());
+  yajl_free(h);
+}
