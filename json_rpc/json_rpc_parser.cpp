@@ -1,5 +1,7 @@
 #include "json_rpc/json_rpc_parser.h"
 
+#include "json_spirit/json_spirit_value.h"
+
 #include <ace/Log_Msg.h>
 #include <cstring>
 
@@ -28,6 +30,16 @@ namespace
       if (table->length == length && std::strncmp(table->name, text, length) == 0)
         break;
     return table->key;
+  }
+
+  // YAJL's generator writes no deeper than json_spirit::max_depth, so a
+  // deeper message could be read but never written again whole.
+  bool too_deep(size_t levels)
+  {
+    if (levels < json_spirit::max_depth)
+      return false;
+    ACE_ERROR((LM_ERROR, "JSON-RPC message nested deeper than %u levels refused.\n", json_spirit::max_depth));
+    return true;
   }
 }
 
@@ -151,6 +163,8 @@ bool JSON_RPC_Parser::handle_string_i(char const* text, unsigned long long lengt
 
 bool JSON_RPC_Parser::handle_start_map_i()
 {
+  if (too_deep(levels.size()))
+    return false;
   if (YAJL_Handler* d = forward_to_delegate())
   {
     if (!d->handle_start_map_i())
@@ -174,6 +188,8 @@ bool JSON_RPC_Parser::handle_start_map_i()
 
 bool JSON_RPC_Parser::handle_start_array_i()
 {
+  if (too_deep(levels.size()))
+    return false;
   if (YAJL_Handler* d = forward_to_delegate())
   {
     if (!d->handle_start_array_i())

@@ -1,5 +1,8 @@
 #include "tessel/yajl_handler.h"
 
+#include <algorithm>
+#include <cstring>
+
 YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE), event_count(0) {}
 YAJL_Handler::~YAJL_Handler() {}
 
@@ -88,6 +91,20 @@ yajl_status YAJL_Feeder::feed(yajl_handle handle, YAJL_Handler& handler, char co
     data = carry_.data();
     length = carry_.size();
     carry_fed_ = true;
+  }
+  if (data && length && (std::memchr(data, '\f', length) || std::memchr(data, '\v', length)))
+  {
+    // YAJL takes form feed and vertical tab for blanks, which JSON does
+    // not; raw in a string they are as wrong. Any other control character
+    // makes YAJL refuse the text where it stands.
+    if (!carry_fed_)
+    {
+      carry_.assign(data, length);
+      carry_fed_ = true;
+    }
+    std::replace(carry_.begin(), carry_.end(), '\f', '\x01');
+    std::replace(carry_.begin(), carry_.end(), '\v', '\x01');
+    data = carry_.data();
   }
   data_ = data;
   length_ = data ? length : 0;

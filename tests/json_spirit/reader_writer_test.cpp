@@ -153,6 +153,8 @@ TEST(JSON_Reader, RefusesBadTextWithALogLine)
     "",
     "   ",
     "[1e400]",              // no double holds it
+    "[1,\f2]",              // YAJL would take these for blanks
+    "\v[]",
   };
   for (const char* text : bad)
   {

@@ -1,0 +1,122 @@
+#include "rpc_test_util.h"
+
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace
+{
+  // Files of the suite whose names start with prefix, sorted.
+  std::vector<std::string> suite_files(const std::string& prefix)
+  {
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(JSON_TEST_SUITE_DIR))
+    {
+      while (dirent* entry = readdir(dir))
+      {
+        std::string name = entry->d_name;
+        if (name.compare(0, prefix.size(), prefix) == 0 && name.size() > 5 &&
+            name.compare(name.size() - 5, 5, ".json") == 0)
+          names.push_back(name);
+      }
+      closedir(dir);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::string content(const std::string& name)
+  {
+    std::ifstream in(std::string(JSON_TEST_SUITE_DIR) + "/" + name, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+  }
+
+  struct Outcome
+  {
+    bool json;             // JSON_Reader read it
+    json_spirit::Value value;
+    bool rpc;              // JSON_RPC_Reader read it as params
+    json_spirit::Value params;
+  };
+
+  Outcome run(const std::string& doc)
+  {
+    Outcome o{false, json_spirit::Value(), false, json_spirit::Value()};
+    o.json = json_spirit::read_string(doc, o.value);
+    for (size_t piece : {size_t(0), size_t(1)})
+    {
+      Read_Outcome r = read_message("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + doc + "}", piece);
+      bool ok = r.ok && !r.object.null() && r.object->type == JSON_RPC_Object::TYPE_REQUEST;
+      if (piece == 0)
+      {
+        o.rpc = ok;
+        if (ok)
+          o.params = static_cast<JSON_RPC_Request&>(*r.object).params;
+      }
+      else
+        EXPECT_EQ(o.rpc, ok) << "byte by byte differs";
+    }
+    return o;
+  }
+}
+
+TEST(JSONTestSuite, EveryValidDocumentIsReadAsItselfAndAsParams)
+{
+  const std::vector<std::string> files = suite_files("y_");
+  ASSERT_GT(files.size(), 90u) << "no suite in " << JSON_TEST_SUITE_DIR;
+  Log_Capture cap;
+  for (const std::string& name : files)
+  {
+    Outcome o = run(content(name));
+    EXPECT_TRUE(o.json) << name;
+    EXPECT_TRUE(o.rpc) << name;
+    EXPECT_EQ(o.value, o.params) << name;
+    // What was read writes and reads back the same.
+    json_spirit::Value again;
+    EXPECT_TRUE(json_spirit::read_string(json_spirit::write_string(o.value), again)) << name;
+    EXPECT_EQ(o.value, again) << name;
+  }
+  EXPECT_TRUE(cap.empty()) << cap.text();
+}
+
+TEST(JSONTestSuite, EveryInvalidDocumentIsRefusedByBoth)
+{
+  const std::vector<std::string> files = suite_files("n_");
+  ASSERT_GT(files.size(), 180u);
+  Log_Capture cap;
+  for (const std::string& name : files)
+  {
+    cap.clear();
+    Outcome o = run(content(name));
+    EXPECT_FALSE(o.json) << name;
+    EXPECT_FALSE(o.rpc) << name;
+    EXPECT_FALSE(cap.empty()) << name;
+  }
+}
+
+TEST(JSONTestSuite, NoImplementationDefinedDocumentCrashesEither)
+{
+  const std::vector<std::string> files = suite_files("i_");
+  ASSERT_GT(files.size(), 30u);
+  Log_Capture cap;
+  for (const std::string& name : files)
+  {
+    Outcome o = run(content(name));
+    // Both readers agree on each, and the outcome goes in the test log.
+    EXPECT_EQ(o.json, o.rpc) << name;
+    if (o.json && o.rpc)
+    {
+      EXPECT_EQ(o.value, o.params) << name;
+    }
+    std::cout << (o.json ? "accepted " : "refused  ") << name << "\n";
+  }
+}

@@ -1,0 +1,213 @@
+#include "rpc_test_util.h"
+
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <set>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+TEST(json_rpc_error_message, KnowsTheStandardCodesOnly)
+{
+  EXPECT_STREQ("Parse error", json_rpc_error_message(-32700));
+  EXPECT_STREQ("Invalid Request", json_rpc_error_message(-32600));
+  EXPECT_STREQ("Method not found", json_rpc_error_message(-32601));
+  EXPECT_STREQ("Invalid params", json_rpc_error_message(-32602));
+  EXPECT_STREQ("Internal error", json_rpc_error_message(-32603));
+  EXPECT_EQ(nullptr, json_rpc_error_message(0));
+  EXPECT_EQ(nullptr, json_rpc_error_message(1));
+  EXPECT_EQ(nullptr, json_rpc_error_message(-32604));
+}
+
+TEST(Message_Objects, StartWithTheirDefaults)
+{
+  JSON_RPC_Request request;
+  EXPECT_EQ(JSON_RPC_Object::TYPE_REQUEST, request.type);
+  EXPECT_EQ("2.0", request.version);
+  EXPECT_TRUE(request.id.is_null() && request.params.is_null() && request.method.empty());
+
+  JSON_RPC_Response_Error error;
+  EXPECT_EQ(4, error.type);
+  EXPECT_EQ(-32603, error.code);
+  EXPECT_TRUE(error.message.empty() && error.id.is_null() && error.data.is_null());
+  EXPECT_EQ("2.0", error.version);
+
+  JSON_RPC_Response orphan(nullptr);
+  EXPECT_EQ(3, orphan.type);
+  EXPECT_EQ("2.0", orphan.version);
+  EXPECT_TRUE(orphan.id.is_null() && orphan.result.is_null());
+
+  request.version = "1.5";
+  request.id = Value(7);
+  JSON_RPC_Response answer(&request);
+  EXPECT_EQ("1.5", answer.version);
+  EXPECT_EQ(Value(7), answer.id);
+
+}
+
+TEST(JSON_RPC_Id, PrintsEachKindOfId)
+{
+  EXPECT_STREQ("42", JSON_RPC_Id(Value(42)).c_str());
+  EXPECT_STREQ("-7", JSON_RPC_Id(Value(-7)).c_str());
+  EXPECT_STREQ("abc", JSON_RPC_Id(Value("abc")).c_str());
+  EXPECT_STREQ("1.500000", JSON_RPC_Id(Value(1.5)).c_str());
+  EXPECT_STREQ("<null type>", JSON_RPC_Id(Value()).c_str());
+  EXPECT_STREQ("<invalid type>", JSON_RPC_Id(Value(true)).c_str());
+  EXPECT_STREQ("<invalid type>", JSON_RPC_Id(Value(Array{Value(1)})).c_str());
+  EXPECT_STREQ("<invalid type>", JSON_RPC_Id(Value(Object())).c_str());
+  EXPECT_STREQ("3000000000", JSON_RPC_Id(Value(3000000000LL)).c_str());
+  EXPECT_STREQ("-9223372036854775808", JSON_RPC_Id(Value(LLONG_MIN)).c_str());
+  // Cut at the 32-byte buffer.
+  EXPECT_EQ(31u, std::strlen(JSON_RPC_Id(Value(1e300)).c_str()));
+}
+
+TEST(JSON_RPC_Request_Dump, ShowsVersionMethodAndId)
+{
+  JSON_RPC_Request r;
+  r.method = "ping";
+  r.id = Value(7);
+  r.params = Value(Array{Value("not shown")});
+  EXPECT_STREQ("JSON-RPC request (version='2.0', method='ping', id='7')", JSON_RPC_Request_Dump(r).c_str());
+  r.id = Value();
+  r.version.clear();
+  EXPECT_STREQ("JSON-RPC request (version='', method='ping', id='<null type>')", JSON_RPC_Request_Dump(r).c_str());
+}
+
+TEST(JSON_RPC_Id_Generator, GivesFreshUuidTexts)
+{
+  std::set<std::string> ids;
+  for (int i = 0; i < 100; ++i)
+    ids.insert(JSON_RPC_Id_Generator::get());
+  EXPECT_EQ(100u, ids.size());
+  EXPECT_EQ(36u, ids.begin()->size());
+
+  JSON_RPC_Response_Error e;
+  e.code = 5;
+  JSON_RPC_Id_Generator::gen(e);
+  EXPECT_EQ(2, e.id.type());
+  EXPECT_EQ(36u, e.id.get_str().size());
+  EXPECT_EQ(4, e.type);
+  EXPECT_EQ(5, e.code);
+}
+
+TEST(JSON_RPC_Writer, WritesEachKindInItsMemberOrder)
+{
+  JSON_RPC_Request notification;
+  notification.type = JSON_RPC_Object::TYPE_NOTIFICATION;
+  notification.method = "m";
+  notification.id = Value(9); // never written for a notification
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"method\":\"m\"}", write_object(notification));
+
+  JSON_RPC_Request request;
+  request.id = Value(1);
+  request.method = "m";
+  request.params = Value(Array{Value(1)});
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":[1]}", write_object(request));
+  request.id = Value();
+  request.params = Value(Object{{"s", Value("\"\\\n\x01/")}});
+  request.version.clear();
+  EXPECT_EQ("{\"jsonrpc\":\"\",\"id\":null,\"method\":\"m\",\"params\":{\"s\":\"\\\"\\\\\\n\\u0001/\"}}",
+            write_object(request));
+
+  JSON_RPC_Response response(nullptr);
+  response.id = Value(1);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":null}", write_object(response));
+  response.id = Value("x");
+  response.result = Value(ULLONG_MAX);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":\"x\",\"result\":18446744073709551615}", write_object(response));
+
+  JSON_RPC_Response_Error error;
+  error.id = Value(1);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32603,\"message\":\"\"}}", write_object(error));
+  error.code = -32601;
+  error.message = "Method not found";
+  error.data = Value(false);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32601,\"message\":\"Method not found\","
+            "\"data\":false}}",
+            write_object(error));
+}
+
+TEST(JSON_RPC_Writer, RefusesAnUnknownTypeAfterClosingTheMap)
+{
+  JSON_RPC_Request odd;
+  odd.type = static_cast<JSON_RPC_Object::Type>(5);
+  odd.method = "m";
+  std::string out;
+  YAJL_String_Printer printer(&out);
+  JSON_RPC_Writer writer;
+  EXPECT_FALSE(writer.write(odd, printer));
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null}", out);
+
+  // The writer is fresh for every message.
+  out.clear();
+  odd.type = JSON_RPC_Object::TYPE_REQUEST;
+  EXPECT_TRUE(writer.write(odd, printer));
+  EXPECT_TRUE(writer.write(odd, printer));
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"m\"}{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"m\"}", out);
+}
+
+namespace
+{
+  struct List_Generator : JSON_Generator
+  {
+    bool ok = true;
+    bool generate_i(YAJL_Gen& gen) override
+    {
+      gen.array_open() << 1 << "two";
+      gen.array_close();
+      return ok;
+    }
+  };
+
+  std::string generate(JSON_RPC_Request_Generator& g, bool expect)
+  {
+    std::string out;
+    YAJL_String_Printer printer(&out);
+    EXPECT_EQ(expect, JSON_RPC_Writer().write(g, printer));
+    return out;
+  }
+}
+
+TEST(JSON_RPC_Request_Generator, WritesMethodIdAndStreamedParams)
+{
+  JSON_RPC_Request_Generator plain("m", nullptr);
+  const std::string id = plain.id();
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"method\":\"m\",\"id\":\"" + id + "\",\"params\":null}", generate(plain, true));
+  EXPECT_EQ(id, plain.id());
+
+  List_Generator list;
+  JSON_RPC_Request_Generator with_params("sum", &list);
+  const std::string text = generate(with_params, true);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"method\":\"sum\",\"id\":\"" + with_params.id() + "\",\"params\":[1,\"two\"]}",
+            text);
+  EXPECT_NE(id, with_params.id());
+  // The reader takes this member order too.
+  Read_Outcome r = read_message(text);
+  ASSERT_TRUE(r.ok);
+  EXPECT_EQ("type=2 version=2.0 id=\"" + with_params.id() + "\" method=sum params=[1,\"two\"]", describe(r.object));
+
+  // A failing params generator fails the whole; the map is still closed.
+  list.ok = false;
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"method\":\"sum\",\"id\":\"" + with_params.id() + "\",\"params\":[1,\"two\"]}",
+            generate(with_params, false));
+}
+
+TEST(JSON_RPC_Request_Generator, RefusesNoMethodAndNoGeneratorWithALogLine)
+{
+  Log_Capture cap;
+  JSON_RPC_Request_Generator nameless(nullptr, nullptr);
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\"}", generate(nameless, false));
+  ASSERT_EQ(1u, cap.count_priority(LM_EMERGENCY));
+  EXPECT_EQ(0u, cap.text().find("Unexpected error in ")) << cap.text();
+  EXPECT_TRUE(cap.contains(", method_ is empty:\n"));
+
+  cap.clear();
+  EXPECT_FALSE(nameless.generate(nullptr));
+  ASSERT_EQ(1u, cap.count_priority(LM_EMERGENCY));
+  EXPECT_TRUE(cap.contains(", gen is NULL:\n"));
+}

@@ -1,0 +1,153 @@
+#include "rpc_test_util.h"
+
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+  struct Case
+  {
+    const char* text;
+    const char* object; // describe() of the result
+  };
+}
+
+TEST(JSON_RPC_Reader, AssemblesEachKindOfMessage)
+{
+  const Case cases[] = {
+    {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":[1,2]}",
+     "type=2 version=2.0 id=1 method=m params=[1,2]"},
+    {"{\"method\":\"m\"}", "type=1 version= id=null method=m params=null"},
+    {"{\"method\":\"m\",\"id\":\"a\"}", "type=2 version= id=\"a\" method=m params=null"},
+    {"{\"id\":\"a\",\"method\":\"m\"}", "type=2 version= id=\"a\" method=m params=null"},
+    {"{\"id\":null,\"method\":\"m\"}", "type=1 version= id=null method=m params=null"},
+    {"{\"method\":\"m\",\"id\":null}", "type=2 version= id=null method=m params=null"},
+    {"{\"params\":[],\"method\":\"m\"}", "type=1 version= id=null method=m params=[]"},
+    {"{\"params\":{\"a\":{\"b\":[{}]}},\"jsonrpc\":\"x\",\"method\":\"m\",\"id\":-3}",
+     "type=2 version=x id=-3 method=m params={\"a\":{\"b\":[{}]}}"},
+    {"{\"method\":\"m\",\"params\":12.5}", "type=1 version= id=null method=m params=12.5"},
+    {"{\"method\":\"m\",\"params\":\"text\"}", "type=1 version= id=null method=m params=\"text\""},
+    {"{\"method\":\"m\",\"params\":false}", "type=1 version= id=null method=m params=false"},
+    {"{\"method\":\"m\",\"params\":null}", "type=1 version= id=null method=m params=null"},
+    {"{\"method\":\"m\",\"params\":[1],\"params\":{\"k\":2}}", "type=1 version= id=null method=m params={\"k\":2}"},
+    {"{\"jsonrpc\":\"1.0\",\"id\":1,\"result\":true}", "type=3 version=1.0 id=1 result=true"},
+    {"{\"result\":{\"r\":[]},\"id\":18446744073709551615}", "type=3 version= id=18446744073709551615 result={\"r\":[]}"},
+    {"{\"result\":null}", "type=3 version= id=null result=null"},
+    {"{\"id\":7,\"error\":{\"code\":-32601,\"message\":\"x\",\"data\":{\"a\":1}}}",
+     "type=4 version= id=7 code=-32601 message=x data={\"a\":1}"},
+    {"{\"id\":7,\"error\":{\"message\":\"x\"}}", "type=4 version= id=7 code=-32603 message=x data=null"},
+    {"{\"error\":{\"data\":[1,[2]],\"code\":5},\"id\":\"late\",\"jsonrpc\":\"2.0\"}",
+     "type=4 version=2.0 id=\"late\" code=5 message= data=[1,[2]]"},
+    {"{\"error\":{\"code\":-2147483648}}", "type=4 version= id=null code=-2147483648 message= data=null"},
+    {"{\"id\":7,\"error\":{}}", "no object"},
+    {"{\"id\":1}", "no object"},
+    {"{}", "no object"},
+    {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"error\":{}}", "type=2 version=2.0 id=1 method=m params=null"},
+    {"42", "no object"},
+  };
+  for (const Case& c : cases)
+  {
+    Read_Outcome r = read_message(c.text);
+    EXPECT_TRUE(r.ok) << c.text;
+    EXPECT_EQ(c.object, describe(r.object)) << c.text;
+    EXPECT_EQ(0u, r.err) << c.text;
+  }
+}
+
+TEST(JSON_RPC_Reader, RefusesWhatMakesNoSenseForTheMember)
+{
+  const std::pair<const char*, unsigned int> cases[] = {
+    {"{\"id\":1.5,\"method\":\"m\"}", 9},
+    {"{\"method\":\"m\",\"id\":1e2}", 9},
+    {"{\"id\":100000000000000000000,\"method\":\"m\"}", 9},
+    {"{\"id\":7,\"error\":{\"code\":1.5}}", 4},
+    {"{\"id\":7,\"error\":{\"code\":2147483648}}", 4},
+    // Members of two kinds: the first decides and the other is refused.
+    {"{\"method\":\"m\",\"result\":1}", 9},
+    {"{\"result\":1,\"method\":\"m\"}", 9},
+    {"{\"result\":1,\"params\":[]}", 9},
+    {"{\"params\":[],\"error\":{\"code\":1}}", 9},
+    {"{\"error\":{\"message\":\"x\"},\"params\":{\"a\":1}}", 9},
+    {"{\"error\":{\"data\":null},\"result\":[]}", 9},
+    {"{\"result\":{},\"error\":{\"data\":1}}", 9},
+  };
+  for (const auto& c : cases)
+  {
+    Log_Capture cap;
+    Read_Outcome r = read_message(c.first);
+    EXPECT_FALSE(r.ok) << c.first;
+    EXPECT_EQ(c.second, r.err) << c.first;
+    EXPECT_EQ(1u, cap.count(", err=" + std::to_string(c.second) + ", level=")) << c.first << "\n" << cap.text();
+  }
+}
+
+TEST(JSON_RPC_Reader, IsCleanAfterAFailureOnceOpenedAgain)
+{
+  Log_Capture cap;
+  JSON_RPC_Reader reader;
+  Read_Outcome bad = read_message(reader, "{\"method\":\"m\",\"params\":{\"a\":[1,", 3);
+  EXPECT_FALSE(bad.ok);
+  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":[1]}", describe(bad.object));
+
+  Read_Outcome refused = read_message(reader, "{\"result\":[1],\"method\":\"m\"}", 1);
+  EXPECT_FALSE(refused.ok);
+  EXPECT_EQ(9u, refused.err);
+
+  Read_Outcome good = read_message(reader, "{\"id\":2,\"result\":[3]}", 2);
+  EXPECT_TRUE(good.ok);
+  EXPECT_EQ(0u, good.err);
+  EXPECT_EQ("type=3 version= id=2 result=[3]", describe(good.object));
+  // The object taken before belongs to its holder alone.
+  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":[1]}", describe(bad.object));
+
+  // Nothing of the last message leaks into the next: not its id, nor its version.
+  Read_Outcome next = read_message(reader, "{\"method\":\"n\"}");
+  EXPECT_EQ("type=1 version= id=null method=n params=null", describe(next.object));
+}
+
+TEST(JSON_RPC_Reader, OpenKeepsTheModeAndStartsReading)
+{
+  JSON_RPC_Reader reader;
+  EXPECT_EQ(JSON_RPC_Reader::STATE_IDLE, reader.state());
+  EXPECT_EQ(1u, reader.mode());
+  reader.mode(JSON_RPC_Reader::MODE_ASSEMBLE | JSON_RPC_Reader::MODE_FILTER_RESPONSE);
+  ASSERT_TRUE(reader.open());
+  ASSERT_TRUE(reader.open());
+  EXPECT_EQ(JSON_RPC_Reader::STATE_READING, reader.state());
+  EXPECT_FALSE(reader.handled_indirectly());
+  EXPECT_EQ(17u, reader.mode());
+  EXPECT_TRUE(reader.object().null());
+  reader.close();
+  EXPECT_EQ(JSON_RPC_Reader::STATE_IDLE, reader.state());
+  EXPECT_EQ(17u, reader.mode());
+  EXPECT_FALSE(reader.is_open());
+}
+
+TEST(JSON_RPC_Reader, RefusesBadTextWithALogLine)
+{
+  const char* bad[] = {
+    "{\"method\":\"m\",\"params\":[\"\xc3\x28\"]}", // invalid UTF-8
+    "{\"method\":\"\xff\"}",
+    "{\"m\xe2\x82\":1}",
+    "{\"method\":\"m\",\"params\":[1,2",              // truncated
+    "{\"method\":\"m\"",
+    "{\"method\":\"m\"}{\"method\":\"n\"}",           // two documents
+    "{\"method\":\"m\"} x",
+    "{\"method\":\"m\",}",
+    "{\"method\":\"m\",\"params\":[1e400]}",
+    "{\"method\":\"m\"}\f",
+    "{\"method\":\"m\",\"params\":\"\v\"}",
+    "",
+  };
+  for (const char* text : bad)
+  {
+    for (size_t piece : {size_t(0), size_t(1)})
+    {
+      Log_Capture cap;
+      Read_Outcome r = read_message(text, piece);
+      EXPECT_FALSE(r.ok) << text;
+      EXPECT_EQ(1u, cap.count("Failed to parse JSON-RPC: ")) << text << "\n" << cap.text();
+    }
+  }
+}
