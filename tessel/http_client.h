@@ -1,0 +1,477 @@
+#ifndef TESSEL_HTTP_CLIENT_H
+#define TESSEL_HTTP_CLIENT_H
+
+// An HTTP/1.1 client over ACE sockets, for JSON bodies that are generated
+// and parsed while they travel.
+//
+//   session = HTTP_Session_Factory::create(host, port, ssl);
+//   connection = session->begin_request(request);   // head queued
+//   connection->write(...);                          // body, if any
+//   connection->read_response(response);            // body ends, head read
+//   while (state is neither STATE_BODY_END nor STATE_CLOSED)
+//     connection->read_body(block);                  // piece by piece
+//
+// A session keeps its connections alive and hands an idle one to the next
+// request; a connection goes back to the session when its last reference is
+// let go after a complete exchange. Sessions and connections are counted
+// with ACE_Intrusive_Auto_Ptr, atomically, so one session can serve several
+// threads; a connection serves one thread at a time.
+
+#include "tessel/tessel_export.h"
+#include "tessel/yajl_gen.h"
+
+#include <ace/Intrusive_Auto_Ptr.h>
+#include <ace/Message_Block.h>
+#include <ace/Time_Value.h>
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class ACE_SSL_Context;
+
+/// The header fields of one message, in the order they were put. Names
+/// compare without regard to case. Clearing keeps the storage, so a message
+/// object used again allocates little.
+class TESSEL_EXPORT HTTP_Headers
+{
+public:
+  /// Well-known names by number.
+  enum Id
+  {
+    ACCEPT = 0,
+    ACCEPT_CHARSET = 1,
+    ACCEPT_ENCODING = 2,
+    ACCEPT_LANGUAGE = 3,
+    AGE = 4,
+    ALLOW = 5,
+    AUTHORIZATION = 6,
+    CACHE_CONTROL = 7,
+    CONNECTION = 8,
+    CONTENT_DISPOSITION = 9,
+    CONTENT_ENCODING = 10,
+    CONTENT_LANGUAGE = 11,
+    CONTENT_LENGTH = 12,
+    CONTENT_LOCATION = 13,
+    CONTENT_MD5 = 14,
+    CONTENT_RANGE = 15,
+    CONTENT_TYPE = 16,
+    COOKIE = 17,
+    DATE = 18,
+    ETAG = 19,
+    EXPECT = 20,
+    EXPIRES = 21,
+    FROM = 22,
+    HOST = 23,
+    IF_MATCH = 24,
+    IF_MODIFIED_SINCE = 25,
+    IF_NONE_MATCH = 26,
+    IF_RANGE = 27,
+    IF_UNMODIFIED_SINCE = 28,
+    KEEP_ALIVE = 29,
+    LAST_MODIFIED = 30,
+    LOCATION = 31,
+    MAX_FORWARDS = 32,
+    PRAGMA = 33,
+    PROXY_AUTHENTICATE = 34,
+    PROXY_AUTHORIZATION = 35,
+    RANGE = 36,
+    REFERER = 37,
+    SERVER = 38,
+    SET_COOKIE = 39,
+    TRANSFER_ENCODING = 40,
+    UPGRADE = 41,
+    USER_AGENT = 42,
+    VARY = 43,
+    VIA = 44,
+    WWW_AUTHENTICATE = 45,
+    ID_COUNT = 46
+  };
+
+  /// The name of an id; null for a number outside the table.
+  static char const* name(int id);
+
+  HTTP_Headers();
+  ~HTTP_Headers();
+  HTTP_Headers(const HTTP_Headers& other);
+  HTTP_Headers& operator=(const HTTP_Headers& other);
+
+  /// Adds a field. With replace, the fields of that name go first, and a
+  /// null value only removes them. 0, or -1 for an unknown id, a null or
+  /// empty name, or a name or value with a line break in it.
+  int put(int id, char const* value, bool replace = true);
+  int put(char const* name, char const* value, bool replace = true);
+  int put(char const* name, size_t name_length, char const* value, size_t value_length, bool replace);
+
+  /// The value of the first (or, with first false, the last) field of that
+  /// name; null if absent. Valid until the headers change.
+  char const* get(int id, bool first = true) const;
+  char const* get(char const* name, bool first = true) const;
+
+  size_t size() const { return count_; }
+  char const* name_at(size_t i) const { return fields_[i].name.c_str(); }
+  char const* value_at(size_t i) const { return fields_[i].value.c_str(); }
+  void clear() { count_ = 0; }
+
+  /// Pieces for writev: four for each field ("name", ": ", "value", CRLF).
+  int iovec_count() const { return static_cast<int>(count_) * 4; }
+  /// Fills at most count pieces; gives the number filled.
+  int to_iovec(iovec* iov, int count) const;
+
+private:
+  struct Field
+  {
+    std::string name;
+    std::string value;
+  };
+  long find(char const* name, size_t length, bool first) const;
+  void erase(char const* name, size_t length);
+
+  std::vector<Field> fields_;
+  size_t count_;
+};
+
+/// Head of any HTTP message: the fields and the minor version of HTTP/1.x.
+class TESSEL_EXPORT HTTP_Message
+{
+public:
+  explicit HTTP_Message(int minor_version = 1);
+  virtual ~HTTP_Message();
+
+  HTTP_Headers& headers() { return headers_; }
+  const HTTP_Headers& headers() const { return headers_; }
+  int minor_version() const { return minor_version_; }
+  void minor_version(int minor) { minor_version_ = minor; }
+
+  int iovec_count() const { return headers_.iovec_count() + 1; }
+  /// The fields and the blank line that ends a head.
+  int to_iovec(iovec* iov, int count) const;
+
+protected:
+  HTTP_Headers headers_;
+  int minor_version_;
+};
+
+/// The head of a response: status, reason and fields.
+class TESSEL_EXPORT CGI_Response : public HTTP_Message
+{
+public:
+  explicit CGI_Response(int minor_version = 1);
+  ~CGI_Response() override;
+
+  int status() const { return status_; }
+  void status(int status) { status_ = status; }
+  char const* reason() const { return reason_.c_str(); }
+  void reason(char const* text, size_t length) { reason_.assign(text, length); }
+
+  /// Status 0, no reason, no fields; the version stays.
+  void reset();
+
+private:
+  int status_;
+  std::string reason_;
+};
+
+/// The header accessors shared by requests and responses.
+template <class Base>
+class TESSEL_EXPORT HTTP_Base : public Base
+{
+public:
+  using Base::Base;
+  ~HTTP_Base() override {}
+
+  /// Content-Length as a decimal number; 0 if absent.
+  virtual unsigned long long content_length() const;
+  virtual void content_length(unsigned long long length);
+  virtual char const* content_type() const;
+  virtual void content_type(char const* type);
+  /// From Connection if present ("close" wins over "Keep-Alive"), else true
+  /// from HTTP/1.1 on.
+  virtual bool keep_alive() const;
+  virtual void keep_alive(bool on);
+  /// Transfer-Encoding is exactly "chunked".
+  virtual bool chunked() const;
+  virtual void chunked(bool on);
+};
+
+extern template class HTTP_Base<HTTP_Message>;
+extern template class HTTP_Base<CGI_Response>;
+
+/// A request: method, target URI and fields.
+class TESSEL_EXPORT HTTP_Request : public HTTP_Base<HTTP_Message>
+{
+public:
+  enum Method
+  {
+    METHOD_CONNECT = 0,
+    METHOD_COPY = 1,
+    METHOD_DELETE = 2,
+    METHOD_GET = 3,
+    METHOD_HEAD = 4,
+    METHOD_MKCOL = 5,
+    METHOD_MOVE = 6,
+    METHOD_OPTIONS = 7,
+    METHOD_POST = 8,
+    METHOD_PUT = 9,
+    METHOD_PATCH = 10,
+    METHOD_TRACE = 11,
+    METHOD_COUNT = 12
+  };
+
+  /// The method's name; null outside the table.
+  static char const* method_name(int method);
+
+  /// With copy false the request points at the caller's text, which must
+  /// outlive it; a null uri is "/".
+  HTTP_Request(int method = METHOD_GET, char const* uri = "/", bool copy = false);
+  HTTP_Request(const HTTP_Request& other);
+  HTTP_Request& operator=(const HTTP_Request& other);
+  ~HTTP_Request() override;
+
+  virtual int method() const { return method_; }
+  virtual void method(int method) { method_ = method; }
+  char const* uri() const { return uri_; }
+  void uri(char const* uri, bool copy = true);
+
+private:
+  int method_;
+  char const* uri_;
+  std::string uri_copy_;
+};
+
+/// A response head, and whether a body follows it.
+class TESSEL_EXPORT HTTP_Response : public HTTP_Base<CGI_Response>
+{
+public:
+  HTTP_Response();
+  ~HTTP_Response() override;
+
+  /// True when body bytes follow the head (chunked, a Content-Length above
+  /// 0, or a body that ends when the server closes).
+  bool has_body() const { return has_body_; }
+  void has_body(bool on) { has_body_ = on; }
+  /// HTTP/1.1, no status, no fields, no body.
+  void reset();
+
+private:
+  bool has_body_;
+};
+
+/// One exchange on one connection. The head goes out with the first piece
+/// of the body or, without a body, at read_response; a chunked body is
+/// framed and ended here.
+class TESSEL_EXPORT HTTP_Connection
+{
+public:
+  enum State
+  {
+    STATE_CLOSED = 1,     ///< broken or shut: no more data will come
+    STATE_REQUEST = 2,    ///< the request body may be written
+    STATE_RESPONSE = 4,   ///< the head is read; body data is waiting
+    STATE_BODY_END = 12   ///< the response is complete
+  };
+
+  enum Read_Mode
+  {
+    READ_FULL = 1,  ///< fill the block, or up to the end of the body
+    READ_SOME = 2   ///< give what has come, at least one byte
+  };
+
+  /// Body bytes of the request: length, or -1 (errno) when the connection
+  /// failed or the body is not expected; 0 for length 0.
+  virtual ssize_t write(char const* data, size_t length) = 0;
+  /// Ends the request and reads the response head into response. 0, or -1
+  /// with errno (ETIME past the read limit, ECONNRESET for a connection
+  /// that ended early, EPROTO for a head that is no HTTP).
+  virtual int read_response(HTTP_Response& response) = 0;
+  /// Appends body data at block's write pointer, within its space: the
+  /// number of bytes, 0 at the end of the body, -1 (errno) on failure.
+  /// timeout, if given, replaces the read limit for this call.
+  virtual ssize_t read_body(ACE_Message_Block* block, const ACE_Time_Value* timeout = 0, int mode = READ_SOME) = 0;
+  virtual int state() const = 0;
+  /// errno of the last failure.
+  virtual int error() const = 0;
+
+  static void intrusive_add_ref(HTTP_Connection* connection);
+  static void intrusive_remove_ref(HTTP_Connection* connection);
+
+protected:
+  HTTP_Connection();
+  virtual ~HTTP_Connection();
+  /// Called when the last reference goes; the default deletes.
+  virtual void release_i();
+
+private:
+  HTTP_Connection(const HTTP_Connection&) = delete;
+  HTTP_Connection& operator=(const HTTP_Connection&) = delete;
+
+  std::atomic<long> references_;
+};
+
+typedef ACE_Intrusive_Auto_Ptr<HTTP_Connection> HTTP_Connection_Ptr;
+
+class HTTP_Client_Connection;
+class HTTP_Cookie_Jar;
+struct HTTP_Endpoint;
+struct HTTP_TLS_Context;
+
+/// The client side of one server: settings, session-wide fields, cookies
+/// and the idle connections kept for reuse.
+///
+/// Cookies: a Set-Cookie of a response is kept for the host that sent it
+/// (or, with a Domain attribute that the host falls under, for that
+/// domain) and the path it names (else the directory of the request), and
+/// goes back in a Cookie field of each later request that matches host and
+/// path; Secure ones only over TLS. Max-Age or Expires in the past drops
+/// one; otherwise they live as long as the session or until clear_cookie.
+///
+/// The maps: a URI found in HTTP_Redirect_URI_Map goes to the URL or path
+/// given there instead (another host gets a connection of its own, with
+/// the session's settings); a URI found in HTTP_File_URI_Map is answered by
+/// begin_request from that local file (200 and its bytes, or 404 when it
+/// can't be read), and any body written to it is dropped. begin_form_request
+/// never answers from a file: a body it carries always reaches a server.
+class TESSEL_EXPORT HTTP_Session
+{
+public:
+  enum Flags
+  {
+    NEW_CONNECTION = 1  ///< don't take an idle connection
+  };
+
+  /// Fields that go with every request, unless the request has its own of
+  /// the same name. Set them before the session is shared between threads.
+  HTTP_Headers& headers() { return headers_; }
+  /// Forgets every cookie.
+  void clear_cookie();
+  /// Number of cookies kept.
+  size_t cookie_count() const;
+
+  /// A connection with the request's head queued on it, or null (errno)
+  /// when no connection could be made.
+  virtual HTTP_Connection_Ptr begin_request(HTTP_Request& request, int flags = 0);
+  /// The same for a request whose body must reach a server.
+  virtual HTTP_Connection_Ptr begin_form_request(HTTP_Request& request);
+
+  char const* host() const { return host_.c_str(); }
+  unsigned short port() const { return port_; }
+  bool ssl() const { return ssl_; }
+  /// Connections opened so far, and idle ones waiting now.
+  unsigned long connections_opened() const { return opened_.load(); }
+  size_t idle_connections() const;
+
+  static void intrusive_add_ref(HTTP_Session* session);
+  static void intrusive_remove_ref(HTTP_Session* session);
+
+  /// See HTTP_Session_Factory::create.
+  HTTP_Session(char const* host, unsigned short port, bool ssl, char const* server_name, int max_idle,
+               ACE_SSL_Context* context, bool ssl_no_verify, int connect_timeout, int read_timeout,
+               int idle_timeout, unsigned int max_requests);
+  virtual ~HTTP_Session();
+  /// Resolves the host and prepares TLS: 0, or -1 (logged).
+  int open();
+
+private:
+  friend class HTTP_Client_Connection;
+  HTTP_Session(const HTTP_Session&) = delete;
+  HTTP_Session& operator=(const HTTP_Session&) = delete;
+
+  HTTP_Connection_Ptr begin(HTTP_Request& request, int flags, bool from_file);
+  HTTP_Client_Connection* take_idle(const HTTP_Endpoint& endpoint);
+  // Back from use: kept for reuse, or deleted.
+  void recycle(HTTP_Client_Connection* connection, bool reusable);
+
+  std::atomic<long> references_;
+  std::atomic<unsigned long> opened_;
+  std::string host_;
+  unsigned short port_;
+  bool ssl_;
+  std::string server_name_;
+  size_t max_idle_;
+  ACE_SSL_Context* ssl_context_;
+  bool ssl_no_verify_;
+  int connect_timeout_;
+  int read_timeout_;
+  int idle_timeout_;
+  unsigned int max_requests_;
+  HTTP_Headers headers_;
+  std::unique_ptr<HTTP_Endpoint> endpoint_;
+  std::shared_ptr<HTTP_TLS_Context> tls_;
+  std::unique_ptr<HTTP_Cookie_Jar> cookies_;
+  struct Pool;
+  std::unique_ptr<Pool> pool_;
+};
+
+typedef ACE_Intrusive_Auto_Ptr<HTTP_Session> HTTP_Session_Ptr;
+
+class TESSEL_EXPORT HTTP_Session_Factory
+{
+public:
+  /// A session for host and port, over TLS when ssl is true; null (logged)
+  /// when the host can't be resolved or TLS can't be set up.
+  ///   server_name: name for Host, SNI and the certificate check; null: host.
+  ///   max_idle: idle connections kept for reuse.
+  ///   context: TLS trust and client certificates; null: the system's
+  ///            (which SSL_CERT_FILE and SSL_CERT_DIR can change).
+  ///   ssl_no_verify: accept any server certificate.
+  ///   connect_timeout, read_timeout: seconds for a connect, and for each
+  ///            wait for data to send or receive; 0 or less: no limit.
+  ///   idle_timeout: seconds an idle connection stays usable; 0: while the
+  ///            server keeps it open.
+  ///   max_requests: requests on one connection; 0: no limit.
+  static HTTP_Session_Ptr create(char const* host, unsigned short port, bool ssl, char const* server_name = 0,
+                                 int max_idle = 3, ACE_SSL_Context* context = 0, bool ssl_no_verify = false,
+                                 int connect_timeout = 120, int read_timeout = 120, int idle_timeout = 0,
+                                 unsigned int max_requests = 0);
+};
+
+/// "http://host:port/uri" of a request on a session, for log lines.
+class TESSEL_EXPORT HTTP_Session_URL
+{
+public:
+  HTTP_Session_URL(const HTTP_Session_Ptr& session, const HTTP_Request& request);
+  HTTP_Session_URL(const HTTP_Session* session, const HTTP_Request& request);
+  char const* c_str() const { return text_.c_str(); }
+
+private:
+  std::string text_;
+};
+
+/// True when token is one of the items of value that separator divides,
+/// ignoring case and the blanks around an item; false for a null value.
+TESSEL_EXPORT bool http_header_value_match(char const* value, char const* token, char separator);
+
+/// The one loop that reads a response body: while the connection's state
+/// is neither STATE_BODY_END nor STATE_CLOSED, the next piece goes into one
+/// reused block of 4096 bytes and then to sink, a piece of length 0 too.
+/// 0; -1 when a read failed (errno as the connection's error()); -2 when
+/// sink refused a piece, and the rest stays unread.
+TESSEL_EXPORT int http_read_body(HTTP_Connection& connection, const std::function<bool(char const*, size_t)>& sink);
+
+/// Prints generated JSON onto a connection (not owned). After a failed
+/// write it drops the rest, and good() is false.
+template <class Connection>
+class YAJL_HTTP_SOCK_Stream_T_Printer : public YAJL_Printer
+{
+public:
+  explicit YAJL_HTTP_SOCK_Stream_T_Printer(Connection* connection) : connection_(connection), good_(true) {}
+
+  void print(char const* data, unsigned long long length) override
+  {
+    if (data && length && good_ && connection_)
+      if (connection_->write(data, static_cast<size_t>(length)) == -1)
+        good_ = false;
+  }
+  bool good() const { return good_; }
+
+private:
+  Connection* connection_;
+  bool good_;
+};
+
+#endif

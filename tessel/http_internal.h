@@ -1,0 +1,143 @@
+#ifndef TESSEL_HTTP_INTERNAL_H
+#define TESSEL_HTTP_INTERNAL_H
+
+// Inside the HTTP client; not installed.
+
+#include "tessel/http_client.h"
+
+#include <ace/SOCK_Stream.h>
+
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class ACE_SSL_Context;
+
+/// Where a connection goes.
+struct HTTP_Endpoint
+{
+  std::string host;
+  unsigned short port;
+  bool ssl;
+  /// Host field, SNI and the certificate's name.
+  std::string server_name;
+
+  bool operator==(const HTTP_Endpoint& other) const
+  {
+    return port == other.port && ssl == other.ssl && host == other.host && server_name == other.server_name;
+  }
+  /// "host" or "host:port" when the port is not the scheme's own.
+  std::string host_field() const;
+  /// "http://host:port" or "https://host:port".
+  std::string origin() const;
+};
+
+/// Splits "http[s]://host[:port]/path" into an endpoint and a path; false
+/// for anything else.
+bool http_parse_url(const std::string& url, HTTP_Endpoint& endpoint, std::string& path);
+
+/// A byte stream with the session's time limits.
+class HTTP_Transport
+{
+public:
+  virtual ~HTTP_Transport();
+  /// All bytes of the pieces: 0, or -1 with errno (ETIME past the limit).
+  virtual int send(const iovec* iov, int count) = 0;
+  /// Bytes received, 0 at the end of the stream, -1 with errno.
+  virtual ssize_t recv(void* buffer, size_t length) = 0;
+  virtual void close() = 0;
+  /// Read limit in seconds; 0 or less: none.
+  void read_timeout(int seconds);
+  int read_timeout() const { return read_timeout_; }
+  /// True while the peer has neither closed nor sent anything unasked.
+  bool idle_ok() const;
+  ACE_HANDLE handle() const { return stream_.get_handle(); }
+
+protected:
+  /// Raw socket I/O, for the TLS layer too.
+  int send_raw(const iovec* iov, int count);
+  ssize_t recv_raw(void* buffer, size_t length);
+
+  ACE_SOCK_Stream stream_;
+  int read_timeout_ = 0;
+};
+
+/// TLS settings shared by the connections of a session.
+struct HTTP_TLS_Context;
+
+/// Prepares TLS for a session: the context's trust and certificates, or the
+/// system's. Null (logged) on failure.
+std::shared_ptr<HTTP_TLS_Context> http_tls_context(ACE_SSL_Context* context, bool no_verify);
+
+/// Connects to endpoint (resolving it again) with the limits, TLS included
+/// when the endpoint says so. Null with errno on failure (logged).
+std::unique_ptr<HTTP_Transport> http_connect(const HTTP_Endpoint& endpoint, int connect_timeout, int read_timeout,
+                                             const std::shared_ptr<HTTP_TLS_Context>& tls);
+
+/// Response heads and body framing, from bytes pushed in as they come.
+class HTTP_Response_Parser
+{
+public:
+  enum Result
+  {
+    PARSE_ERROR = -1,
+    PARSE_MORE = 0,   ///< all input taken; more is needed
+    PARSE_DONE = 1,   ///< the head (or the body) is complete
+    PARSE_FULL = 2    ///< the output space is full
+  };
+
+  HTTP_Response_Parser();
+  ~HTTP_Response_Parser();
+
+  /// A new message; the body of a response to HEAD is skipped.
+  void start(bool head_request);
+  /// Reads head bytes into response. consumed tells how many were taken.
+  int head(char const* data, size_t length, HTTP_Response& response, size_t& consumed);
+  /// Moves body bytes into out; consumed and delivered tell how many.
+  int body(char const* data, size_t length, char* out, size_t space, size_t& consumed, size_t& delivered);
+  /// The stream ended: PARSE_DONE for a body that ends so, else PARSE_ERROR.
+  int eof();
+
+  bool done() const;
+  bool keep_alive() const;
+  /// Text of the last failure.
+  char const* error_text() const;
+
+private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+/// The cookies of a session; safe for concurrent use.
+class HTTP_Cookie_Jar
+{
+public:
+  /// Keeps what a Set-Cookie value says, for a request to host and uri.
+  void store(char const* set_cookie, const std::string& host, char const* uri, bool secure_channel);
+  /// The Cookie field for a request; empty when none matches.
+  void cookie_field(const std::string& host, char const* uri, bool secure_channel, std::string& out);
+  void clear();
+  size_t size() const;
+
+private:
+  struct Cookie
+  {
+    std::string name;
+    std::string value;
+    std::string domain;
+    std::string path;
+    bool host_only;
+    bool secure;
+    time_t expires;  // 0: end of the session
+    unsigned long long order;
+  };
+  void drop_expired(time_t now);
+
+  mutable std::mutex mutex_;
+  std::vector<Cookie> cookies_;
+  unsigned long long next_order_ = 0;
+};
+
+#endif

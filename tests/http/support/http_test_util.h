@@ -1,0 +1,67 @@
+#ifndef TESTS_HTTP_TEST_UTIL_H
+#define TESTS_HTTP_TEST_UTIL_H
+
+#include "tessel/http_client.h"
+#include "tessel/retry.h"
+
+#include <sys/resource.h>
+
+#include <string>
+#include <vector>
+
+/// The back-off waits of the repeat loop, recorded instead of slept.
+struct Recorded_Waits
+{
+  Recorded_Waits()
+  {
+    waits().clear();
+    retry_sleeper(&record);
+  }
+  ~Recorded_Waits() { retry_sleeper(nullptr); }
+  static std::vector<unsigned int>& waits()
+  {
+    static std::vector<unsigned int> w;
+    return w;
+  }
+  static void record(unsigned int seconds) { waits().push_back(seconds); }
+};
+
+/// A session on 127.0.0.1 with short limits, for the scripted server.
+inline HTTP_Session_Ptr local_session(unsigned short port, int read_timeout = 10)
+{
+  return HTTP_Session_Factory::create("127.0.0.1", port, false, nullptr, 3, nullptr, false, 10, read_timeout, 0, 0);
+}
+
+/// The whole body of a response whose head has been read, through blocks of
+/// the given size; pieces counts the reads that gave data.
+inline std::string read_all(HTTP_Connection& connection, size_t block_size, int* pieces = nullptr)
+{
+  std::string body;
+  ACE_Message_Block block(block_size);
+  while (connection.state() != HTTP_Connection::STATE_BODY_END && connection.state() != HTTP_Connection::STATE_CLOSED)
+  {
+    block.reset();
+    if (connection.read_body(&block) == -1)
+      break;
+    if (block.length() && pieces)
+      ++*pieces;
+    body.append(block.rd_ptr(), block.length());
+  }
+  return body;
+}
+
+/// Peak resident size of this process, in bytes.
+inline long long peak_rss()
+{
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<long long>(usage.ru_maxrss) * 1024;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+#define HTTP_TEST_UNDER_ASAN 1
+#else
+#define HTTP_TEST_UNDER_ASAN 0
+#endif
+
+#endif

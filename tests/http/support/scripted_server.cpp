@@ -1,0 +1,235 @@
+#include "scripted_server.h"
+
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace http = boost::beast::http;
+
+namespace
+{
+  std::string status_line(int status)
+  {
+    const char* reason = status == 200 ? "OK" : status == 201 ? "Created" : status == 204 ? "No Content"
+                       : status == 404 ? "Not Found" : status == 500 ? "Internal Server Error" : "Status";
+    return "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
+  }
+
+  void send_all(int fd, const std::string& bytes)
+  {
+    size_t at = 0;
+    while (at < bytes.size())
+    {
+      ssize_t n = send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+      if (n <= 0)
+        return;
+      at += static_cast<size_t>(n);
+    }
+  }
+}
+
+Reply Reply::json(int status, const std::string& body, const char* type)
+{
+  Reply r;
+  r.bytes = status_line(status);
+  if (type)
+    r.bytes += std::string("Content-Type: ") + type + "\r\n";
+  r.bytes += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  return r;
+}
+
+Reply Reply::chunked(int status, const std::string& body, size_t chunk)
+{
+  Reply r;
+  r.bytes = status_line(status) + "Content-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n";
+  char size[32];
+  for (size_t at = 0; at < body.size(); at += chunk)
+  {
+    size_t n = std::min(chunk, body.size() - at);
+    std::snprintf(size, sizeof size, "%zx\r\n", n);
+    r.bytes += size + body.substr(at, n) + "\r\n";
+  }
+  r.bytes += "0\r\n\r\n";
+  return r;
+}
+
+Reply Reply::close_delimited(int status, const std::string& body)
+{
+  Reply r;
+  r.bytes = status_line(status) + "Content-Type: application/json\r\nConnection: close\r\n\r\n" + body;
+  r.close = true;
+  return r;
+}
+
+Reply Reply::cut(const Reply& whole, size_t n)
+{
+  Reply r = whole;
+  r.bytes = whole.bytes.substr(0, n);
+  r.close = true;
+  return r;
+}
+
+Scripted_Server::Scripted_Server(std::vector<Reply> replies) : replies_(std::move(replies))
+{
+  if (replies_.empty())
+    replies_.push_back(Reply::json(200, "{}"));
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int one = 1;
+  setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in a;
+  std::memset(&a, 0, sizeof a);
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(listener_, 16) != 0)
+    throw std::runtime_error("scripted server: bind failed");
+  socklen_t n = sizeof a;
+  getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &n);
+  port_ = ntohs(a.sin_port);
+  acceptor_ = std::thread([this] { accept_loop(); });
+}
+
+Scripted_Server::~Scripted_Server()
+{
+  stopping_ = true;
+  shutdown(listener_, SHUT_RDWR);
+  acceptor_.join();
+  close(listener_);
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (int fd : open_)
+      shutdown(fd, SHUT_RDWR);
+  }
+  for (std::thread& t : threads_)
+    t.join();
+}
+
+std::vector<Scripted_Request> Scripted_Server::requests_copy() const
+{
+  std::lock_guard<std::mutex> guard(mutex_);
+  return requests_;
+}
+
+void Scripted_Server::accept_loop()
+{
+  while (!stopping_)
+  {
+    int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0)
+      return;
+    int number = ++connections_;
+    std::lock_guard<std::mutex> guard(mutex_);
+    open_.push_back(fd);
+    threads_.emplace_back([this, fd, number] { serve(fd, number); });
+  }
+}
+
+void Scripted_Server::serve(int fd, int number)
+{
+  std::string buffer;
+  char piece[65536];
+  bool open = true;
+  while (open && !stopping_)
+  {
+    http::request_parser<http::string_body> parser;
+    parser.body_limit((std::numeric_limits<std::uint64_t>::max)());
+    parser.eager(true);
+    const Reply* reply = nullptr;
+    size_t seen_body = 0;
+    while (!parser.is_done())
+    {
+      if (!buffer.empty())
+      {
+        boost::beast::error_code ec;
+        size_t used = parser.put(boost::asio::buffer(buffer.data(), buffer.size()), ec);
+        buffer.erase(0, used);
+        if (ec && ec != http::error::need_more)
+        {
+          open = false;
+          break;
+        }
+        if (parser.is_header_done() && !reply)
+        {
+          int index = heads_++;
+          reply = &replies_[std::min<size_t>(static_cast<size_t>(index), replies_.size() - 1)];
+          if (!reply->read_body)
+            break;
+        }
+        size_t now = parser.get().body().size();
+        body_bytes_ += now - seen_body;
+        seen_body = now;
+        if (reply && reply->drop_after >= 0 && now >= static_cast<size_t>(reply->drop_after))
+          break;
+        if (parser.is_done() || (used > 0 && !buffer.empty()))
+          continue;
+      }
+      ssize_t n = recv(fd, piece, sizeof piece, 0);
+      if (n <= 0)
+      {
+        open = false;
+        break;
+      }
+      buffer.append(piece, static_cast<size_t>(n));
+    }
+    if (!reply)
+      break;
+    if (parser.is_done() || reply->drop_after >= 0)
+    {
+      Scripted_Request r;
+      const auto& message = parser.get();
+      r.method = std::string(message.method_string());
+      r.target = std::string(message.target());
+      for (const auto& field : message)
+      {
+        std::string name(field.name_string());
+        for (char& c : name)
+          c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::string value(field.value());
+        auto existing = r.headers.find(name);
+        if (existing == r.headers.end())
+          r.headers[name] = value;
+        else
+          existing->second += ", " + value;
+      }
+      r.body = message.body();
+      r.connection = number;
+      std::lock_guard<std::mutex> guard(mutex_);
+      requests_.push_back(std::move(r));
+    }
+    if (reply->drop_after >= 0)
+    {
+      // Unread bytes make the close a reset: the client's writes fail.
+      std::lock_guard<std::mutex> guard(mutex_);
+      close(fd);
+      open_.erase(std::find(open_.begin(), open_.end(), fd));
+      return;
+    }
+    if (reply->delay_ms)
+      std::this_thread::sleep_for(std::chrono::milliseconds(reply->delay_ms));
+    send_all(fd, reply->bytes);
+    if (reply->close || !reply->read_body || !parser.is_done())
+      break;
+  }
+  shutdown(fd, SHUT_WR);
+  // Let the client see the end before the socket goes.
+  while (recv(fd, piece, sizeof piece, 0) > 0)
+  {
+  }
+  std::lock_guard<std::mutex> guard(mutex_);
+  close(fd);
+  for (auto i = open_.begin(); i != open_.end(); ++i)
+    if (*i == fd)
+    {
+      open_.erase(i);
+      break;
+    }
+}
