@@ -4,7 +4,9 @@
 #include "json_rpc/json_rpc_handler.h"
 #include "tessel/utils.h"
 
+#include <ace/Condition_Thread_Mutex.h>
 #include <ace/Future.h>
+#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 #include <ace/OS_NS_errno.h>
 #include <ace/OS_NS_time.h>
@@ -15,25 +17,43 @@
 
 namespace
 {
-  /// The waiter behind one pending call.
+  /// The waiter behind one pending call. ACE_Future::get reads a value that
+  /// is already set without its lock, which orders nothing between the two
+  /// threads; so the waiter meets the dispatching thread under a lock of its
+  /// own first.
   class JSON_RPC_Future_Handler : public JSON_RPC_Handler
   {
   public:
+    JSON_RPC_Future_Handler() : ready_(lock_), set_(false) {}
+
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
     {
-      if (object.get() && (object->type == JSON_RPC_Object::TYPE_RESPONSE ||
-                           object->type == JSON_RPC_Object::TYPE_RESPONSE_ERROR))
-        return future.set(object) == 0 ? 0 : -1;
-      future.set(JSON_RPC_Object_Ptr());
-      return -1;
+      bool response = object.get() && (object->type == JSON_RPC_Object::TYPE_RESPONSE ||
+                                       object->type == JSON_RPC_Object::TYPE_RESPONSE_ERROR);
+      ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+      int result = future.set(response ? object : JSON_RPC_Object_Ptr());
+      set_ = true;
+      ready_.broadcast();
+      return response && result == 0 ? 0 : -1;
     }
 
     int get(JSON_RPC_Object_Ptr& out, const ACE_Time_Value* deadline)
     {
+      {
+        ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+        while (!set_)
+          if (ready_.wait(deadline) == -1)
+            return -1;
+      }
       return future.get(out, const_cast<ACE_Time_Value*>(deadline));
     }
 
     ACE_Future<JSON_RPC_Object_Ptr> future;
+
+  private:
+    ACE_Thread_Mutex lock_;
+    ACE_Condition_Thread_Mutex ready_;
+    bool set_;
   };
 
   // Removes the pending entry on every way out of a call.
