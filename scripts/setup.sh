@@ -26,6 +26,14 @@ if [ ${#missing[@]} -gt 0 ]; then
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
+# The interoperability test's client, pinned by tests/interop/package-lock.json;
+# installed again only when the lock file is newer than the installation.
+interop="$(dirname "$0")/../tests/interop"
+if [ ! -f "$interop/node_modules/.package-lock.json" ] ||
+   [ "$interop/package-lock.json" -nt "$interop/node_modules/.package-lock.json" ]; then
+  (cd "$interop" && npm ci --no-audit --no-fund)
+fi
+
 # The HTTP tests' peers jayson and json-server, pinned by
 # tests/http/node/package-lock.json; installed again only when the lock file
 # is newer than the installation.

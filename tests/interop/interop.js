@@ -1,0 +1,130 @@
+'use strict';
+// Drives tcp_test_server with vscode-jsonrpc, a client written elsewhere,
+// over TCP with Content-Length framing: requests, an unknown method,
+// notifications published back by the server, a registration notice, and a
+// request that the server makes on the same connection through
+// JSON_RPC_Session.
+//
+//   node interop.js path/to/tcp_test_server
+//
+// Exits 0 when all went as expected, 1 otherwise, 77 when vscode-jsonrpc
+// is not installed (ctest reports that as skipped).
+const assert = require('assert');
+const { spawn } = require('child_process');
+const net = require('net');
+
+let rpc;
+try {
+  rpc = require('vscode-jsonrpc/node');
+} catch (e) {
+  console.log('SKIPPED: vscode-jsonrpc is missing from tests/interop/node_modules; scripts/setup.sh installs it');
+  process.exit(77);
+}
+
+function fail(error) {
+  console.error('FAILED:', error && error.stack ? error.stack : error);
+  process.exit(1);
+}
+
+// Resolves with the first value passed to the returned callback.
+function once() {
+  let resolve;
+  const promise = new Promise((r) => { resolve = r; });
+  return { promise, resolve };
+}
+
+function startServer(program) {
+  return new Promise((resolve, reject) => {
+    const child = spawn(program, [], { stdio: ['pipe', 'pipe', 'inherit'] });
+    let out = '';
+    child.on('error', reject);
+    child.on('exit', (code) => reject(new Error(`server exited early with ${code}`)));
+    child.stdout.on('data', (data) => {
+      out += data;
+      const m = /PORT (\d+)/.exec(out);
+      if (m) {
+        child.removeAllListeners('exit');
+        resolve({ child, port: Number(m[1]) });
+      }
+    });
+  });
+}
+
+function open(port) {
+  return new Promise((resolve, reject) => {
+    const socket = net.connect(port, '127.0.0.1', () => {
+      const connection = rpc.createMessageConnection(
+        new rpc.StreamMessageReader(socket), new rpc.StreamMessageWriter(socket));
+      resolve({ socket, connection });
+    });
+    socket.on('error', reject);
+  });
+}
+
+async function main() {
+  const program = process.argv[2];
+  assert.ok(program, 'usage: node interop.js path/to/tcp_test_server');
+  const { child, port } = await startServer(program);
+  try {
+    const first = await open(port);
+    const c = first.connection;
+    const news = once();
+    const registered = once();
+    const pingResult = once();
+    const hello = [];
+    c.onNotification('news', (params) => news.resolve(params));
+    c.onNotification('channel.registered', (params) => registered.resolve(params));
+    c.onNotification('ping.result', (params) => pingResult.resolve(params));
+    c.onRequest('client.hello', (params) => {
+      hello.push(params);
+      return { greeting: 'hello from node', got: params };
+    });
+    c.listen();
+
+    const params = { text: 'h\u00e9llo', list: [1, 2.5, 'three', null, { deep: true }] };
+    assert.deepStrictEqual(await c.sendRequest('echo', params), params);
+
+    await assert.rejects(c.sendRequest('no.such.method', {}), (error) => {
+      assert.strictEqual(error.code, rpc.ErrorCodes.MethodNotFound);
+      return true;
+    });
+
+    // The server publishes a notification that has no handler there to its
+    // subscribers: this connection.
+    assert.strictEqual(
+      await c.sendRequest('subscribe', rpc.ParameterStructures.byPosition, 'news', 'channel.registered'), true);
+    await c.sendNotification('news', { n: 1 });
+    assert.deepStrictEqual(await news.promise, { n: 1 });
+
+    const second = await open(port);
+    second.connection.listen();
+    const notice = await registered.promise;
+    const address = `${second.socket.localAddress}:${second.socket.localPort}`;
+    assert.strictEqual(notice.channel_id, address);
+    assert.strictEqual(notice.channel_address, address);
+    assert.strictEqual(notice.channel_type, 0);
+    assert.ok(Number.isInteger(notice.ts));
+    assert.deepStrictEqual(await second.connection.sendRequest('echo', { from: 'second' }), { from: 'second' });
+
+    // The server calls back on this connection and reports the answer.
+    await c.sendNotification('ping.me', { from: 'node' });
+    const result = await pingResult.promise;
+    assert.deepStrictEqual(hello, [{ from: 'node' }]);
+    assert.deepStrictEqual(result, {
+      ok: true, response: { greeting: 'hello from node', got: { from: 'node' } },
+    });
+
+    second.connection.dispose();
+    second.socket.destroy();
+    c.dispose();
+    first.socket.destroy();
+  } finally {
+    child.stdin.end();
+  }
+  const code = await new Promise((resolve) => child.on('exit', resolve));
+  assert.strictEqual(code, 0, `server exit code ${code}`);
+  console.log('vscode-jsonrpc interoperability: all passed');
+}
+
+setTimeout(() => fail('no result within 60 seconds'), 60000).unref();
+main().catch(fail);

@@ -1,0 +1,236 @@
+// What goes over the wire: both framings, fed in every cut, and bad input.
+#include "tcp_test_support.h"
+#include "log_capture.h"
+
+#include "json_rpc/json_rpc_session.h"
+#include "transport/tcp_acceptor.h"
+#include "transport/tcp_channel.h"
+#include "transport/tcp_connector.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace tcp_test;
+
+namespace
+{
+  const std::string parse_error = "{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32700,\"message\":\"Parse error\"}}";
+
+  std::string request(int id, const std::string& params = "[1]")
+  {
+    return "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"method\":\"echo\",\"params\":" + params + "}";
+  }
+
+  std::string response(int id, const std::string& result = "[1]")
+  {
+    return "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"result\":" + result + "}";
+  }
+
+  class Wire : public ::testing::Test
+  {
+  protected:
+    void start(TCP_Options::Framing framing)
+    {
+      options.framing = framing;
+      options.max_message_size = 1024 * 1024;
+      ASSERT_EQ(0, server.open(loopback(0), options));
+    }
+
+    // A client of the library, to show that one connection's trouble leaves
+    // the others alone.
+    JSON_RPC_Channel_Strong_Ptr bystander()
+    {
+      TCP_Options client;
+      client.framing = options.framing;
+      EXPECT_EQ(0, TCP_Connector::connect(channel, loopback(server.port()), client));
+      return channel;
+    }
+
+    bool bystander_answers()
+    {
+      JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+      JSON_RPC_Object_Ptr reply;
+      return session.request(JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value(3)), reply, 10) &&
+             reply->type == JSON_RPC_Object::TYPE_RESPONSE;
+    }
+
+    void TearDown() override
+    {
+      if (!channel.null())
+        TCP_Channel::cast(channel)->close();
+      server.close();
+    }
+
+    Log_Capture log;
+    TCP_Options options;
+    TCP_Acceptor server;
+    JSON_RPC_Channel_Strong_Ptr channel;
+  };
+
+  TEST_F(Wire, ContentLengthMessagesInAnyCut)
+  {
+    start(TCP_Options::FRAMING_CONTENT_LENGTH);
+    Raw_Client peer(server.port());
+    // Header names in any case, a Content-Type, spaces around the value.
+    ASSERT_TRUE(peer.send("content-LENGTH:  " + std::to_string(request(1).size()) +
+                          " \r\nContent-Type: application/vscode-jsonrpc; charset=utf-8\r\n\r\n" + request(1)));
+    // One byte at a time.
+    std::string framed = content_length_frame(request(2, "{\"s\":\"\\u00e9\\n\"}"));
+    for (char c : framed)
+      ASSERT_TRUE(peer.send(std::string(1, c)));
+    // Several messages in one piece, one with nothing to dispatch.
+    ASSERT_TRUE(peer.send(content_length_frame(request(3)) + content_length_frame("{\"id\":1}") +
+                          content_length_frame(request(4))));
+    ASSERT_TRUE(peer.read_until(response(4)));
+    // The length counts bytes: the answer carries the character as UTF-8.
+    EXPECT_EQ(content_length_frame(response(1)) + content_length_frame(response(2, "{\"s\":\"\xC3\xA9\\n\"}")) +
+                content_length_frame(response(3)) + content_length_frame(response(4)),
+              peer.in.substr(0, peer.in.find(response(4)) + response(4).size()));
+    EXPECT_TRUE(log.contains("message with nothing to dispatch ignored."));
+  }
+
+  TEST_F(Wire, NewlineDelimitedMessagesInAnyCut)
+  {
+    start(TCP_Options::FRAMING_NDJSON);
+    Raw_Client peer(server.port());
+    ASSERT_TRUE(peer.send("\n\r\n  " + request(1) + "\r\n" + request(2) + "\n{\"id\":1}\n"));
+    for (char c : request(3) + "\n")
+      ASSERT_TRUE(peer.send(std::string(1, c)));
+    ASSERT_TRUE(peer.read_until(response(3)));
+    EXPECT_EQ(response(1) + "\n" + response(2) + "\n" + response(3) + "\n", peer.in);
+    EXPECT_TRUE(log.contains("message with nothing to dispatch ignored."));
+  }
+
+  struct Bad_Input
+  {
+    TCP_Options::Framing framing;
+    std::string bytes;
+    std::string logged;
+  };
+
+  TEST_F(Wire, BadInputIsAnsweredWithParseErrorAndClosesOnlyThatConnection)
+  {
+    const std::string too_big = request(1, "[\"" + std::string(1024 * 1024, 'b') + "\"]");
+    const Bad_Input cases[] = {
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "X-Pad: " + std::string(9000, 'a'), "header larger than 8192 bytes"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 1x\r\n\r\n{}", "bad Content-Length \"1x\""},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: -2\r\n\r\n{}", "bad Content-Length \"-2\""},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 99999999999999999999\r\n\r\n", "bad Content-Length"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length:\r\n\r\n", "bad Content-Length \"\""},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Type: a/b\r\n\r\n{}", "no Content-Length header"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 2\r\nContent-Length: 3\r\n\r\n", "conflicting"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, request(1) + "\r\n", "malformed header line"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1.5,\"method\":\"m\"}"),
+       "message refused by the reader"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1,\"method\":\"echo\""),
+       "message refused by the reader"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(""), "message refused by the reader"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(too_big), "exceeds the limit of 1048576"},
+      {TCP_Options::FRAMING_NDJSON, "{\"id\":1,]\n", "message refused by the reader"},
+      {TCP_Options::FRAMING_NDJSON, request(1) + request(2) + "\n", "message refused by the reader"},
+      {TCP_Options::FRAMING_NDJSON, too_big + "\n", "exceeds the limit of 1048576"},
+    };
+    TCP_Options::Framing framing = TCP_Options::FRAMING_CONTENT_LENGTH;
+    start(framing);
+    bystander();
+    for (const Bad_Input& bad : cases)
+    {
+      SCOPED_TRACE(bad.bytes.substr(0, 60));
+      if (bad.framing != framing)
+      {
+        TCP_Channel::cast(channel)->close();
+        server.close();
+        start(framing = bad.framing);
+        bystander();
+      }
+      log.clear();
+      {
+        Raw_Client peer(server.port());
+        // A good message first: it is answered before the bad one is seen.
+        ASSERT_TRUE(peer.send(framing == TCP_Options::FRAMING_NDJSON ? request(7) + "\n"
+                                                                      : content_length_frame(request(7))));
+        ASSERT_TRUE(peer.send(bad.bytes));
+        ASSERT_TRUE(peer.read_to_eof());
+        std::string expected = framing == TCP_Options::FRAMING_NDJSON
+                                 ? response(7) + "\n" + parse_error + "\n"
+                                 : content_length_frame(response(7)) + content_length_frame(parse_error);
+        EXPECT_EQ(expected, peer.in);
+      }
+      EXPECT_TRUE(log.contains(bad.logged)) << log.text();
+      EXPECT_TRUE(log.contains("closing the connection."));
+      EXPECT_TRUE(bystander_answers());
+      ASSERT_TRUE(eventually([&] { return server.connections().size() == 1; }));
+    }
+  }
+
+  TEST_F(Wire, PeerThatStopsReadingLosesTheConnectionAfterTheSendLimit)
+  {
+    // A listener that accepts nothing and reads nothing.
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof sa;
+    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
+    ASSERT_EQ(0, ::listen(listener, 1));
+    ASSERT_EQ(0, ::getsockname(listener, reinterpret_cast<sockaddr*>(&sa), &length));
+    for (TCP_Options::Framing framing : {TCP_Options::FRAMING_NDJSON, TCP_Options::FRAMING_CONTENT_LENGTH})
+    {
+      TCP_Options client;
+      client.framing = framing;
+      client.send_limit = ACE_Time_Value(0, 200 * 1000);
+      JSON_RPC_Channel_Strong_Ptr stuck;
+      ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(ntohs(sa.sin_port)), client));
+      // Far more than the socket buffers on both sides hold.
+      JSON_RPC_Request* note = new JSON_RPC_Request;
+      note->type = JSON_RPC_Object::TYPE_NOTIFICATION;
+      note->method = "flood";
+      note->params = json_spirit::Array{std::string(64 * 1024 * 1024, 'f')};
+      errno = 0;
+      EXPECT_EQ(-1, stuck->send_object(JSON_RPC_Object_Ptr(note)));
+      EXPECT_EQ(ETIMEDOUT, errno);
+      EXPECT_TRUE(log.contains("failed to write a message, errno=110"));
+      // The read thread takes it from there: the channel ends by itself.
+      ASSERT_TRUE(eventually([&] { return TCP_Channel::cast(stuck)->closed(); }));
+      EXPECT_EQ(-1, stuck->send_object(JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value())));
+      TCP_Channel::cast(stuck)->close();
+      log.clear();
+    }
+    ::close(listener);
+  }
+
+  class Stall : public Wire, public ::testing::WithParamInterface<TCP_Options::Framing>
+  {
+  };
+
+  TEST_P(Stall, StalledPeerIsClosedAfterTheReadLimitWhileAnIdlePeerStays)
+  {
+    options.read_limit = ACE_Time_Value(0, 300 * 1000);
+    start(GetParam());
+    bystander();
+    ASSERT_TRUE(bystander_answers());
+    bool ndjson = GetParam() == TCP_Options::FRAMING_NDJSON;
+    // One stops inside the header (or the line), one inside the body.
+    Raw_Client in_header(server.port()), in_body(server.port());
+    ASSERT_TRUE(in_header.send(ndjson ? "{\"jsonrpc\":" : "Content-Len"));
+    ASSERT_TRUE(in_body.send(ndjson ? request(1).substr(0, 20) : content_length_frame(request(1)).substr(0, 30)));
+    ASSERT_TRUE(in_header.read_to_eof());
+    ASSERT_TRUE(in_body.read_to_eof());
+    EXPECT_EQ("", in_header.in);
+    EXPECT_EQ("", in_body.in);
+    EXPECT_EQ(2u, log.count("message not complete within 300 ms; closing the connection."));
+    // The bystander was idle between messages all that time.
+    EXPECT_TRUE(bystander_answers());
+    EXPECT_EQ(1u, server.connections().size());
+  }
+
+  INSTANTIATE_TEST_SUITE_P(Framing, Stall,
+                           ::testing::Values(TCP_Options::FRAMING_CONTENT_LENGTH, TCP_Options::FRAMING_NDJSON),
+                           [](const ::testing::TestParamInfo<TCP_Options::Framing>& info) {
+                             return info.param == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "ContentLength";
+                           });
+}

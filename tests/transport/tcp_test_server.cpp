@@ -1,0 +1,176 @@
+// A JSON-RPC server over TCP for tests that need a second process.
+//
+//   tcp_test_server [--ndjson] [--port N]
+//
+// Prints "PORT <n>" once it listens, and runs until its standard input
+// ends or it gets SIGTERM or SIGINT. Methods:
+//   echo       answers with the params
+//   subscribe  subscribes the caller to the subjects in params (an array)
+//   hang       sends the caller a "hung" notification and never answers
+//   close.me   drops the caller's connection without an answer
+//   ping.me    a notification: calls "client.hello" back on the caller's
+//              connection from a thread of its own, with the params, and then
+//              sends "ping.result" {"ok": bool, "response": the answer}
+#include "tcp_test_support.h"
+
+#include "json_rpc/json_rpc_channel_map.h"
+#include "json_rpc/json_rpc_dispatcher.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_session.h"
+#include "transport/tcp_acceptor.h"
+#include "transport/tcp_channel.h"
+
+#include <ace/Log_Msg.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using tcp_test::notification;
+
+namespace
+{
+  typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Method;
+
+  class Handler : public JSON_RPC_Handler
+  {
+  public:
+    explicit Handler(Method m) : method_(std::move(m)) {}
+    int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      JSON_RPC_Channel_Strong_Ptr peer(channel);
+      if (peer.null())
+        return -1;
+      return method_(peer, static_cast<const JSON_RPC_Request&>(*object));
+    }
+
+  private:
+    Method method_;
+  };
+
+  int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
+  {
+    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
+      return 0;
+    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
+    response->result = std::move(result);
+    return channel->send_object(JSON_RPC_Object_Ptr(response));
+  }
+
+  std::mutex callers_mutex;
+  std::vector<std::thread> callers;
+
+  // A call back to the peer can't wait on the thread that reads its answer.
+  void call_back(JSON_RPC_Channel_Strong_Ptr channel, json_spirit::Value params)
+  {
+    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+    JSON_RPC_Object_Ptr response;
+    bool ok = session.request(JSON_RPC_Session::make_rpc_request("client.hello", std::move(params)), response, 10);
+    json_spirit::Object report;
+    report["ok"] = ok && response->type == JSON_RPC_Object::TYPE_RESPONSE;
+    if (ok && response->type == JSON_RPC_Object::TYPE_RESPONSE)
+      report["response"] = static_cast<const JSON_RPC_Response&>(*response).result;
+    else if (ok)
+      report["response"] = static_cast<const JSON_RPC_Response_Error&>(*response).message;
+    session.notify(notification("ping.result", report));
+  }
+
+  void add(const char* name, Method method)
+  {
+    JSON_RPC_Request_Map::instance()->insert(name, "", new Handler(std::move(method)), nullptr);
+  }
+}
+
+int main(int argc, char** argv)
+{
+  TCP_Options options;
+  unsigned short port = 0;
+  for (int i = 1; i < argc; ++i)
+  {
+    if (!std::strcmp(argv[i], "--ndjson"))
+      options.framing = TCP_Options::FRAMING_NDJSON;
+    else if (!std::strcmp(argv[i], "--port") && i + 1 < argc)
+      port = static_cast<unsigned short>(std::atoi(argv[++i]));
+    else
+    {
+      std::fprintf(stderr, "usage: %s [--ndjson] [--port N]\n", argv[0]);
+      return 2;
+    }
+  }
+
+  // The signals are taken by signalfd, so no thread may receive them.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  int signals = signalfd(-1, &stop_signals, SFD_CLOEXEC);
+
+  // Everything the transport threads use exists before they start.
+  JSON_RPC_Dispatcher::instance();
+  JSON_RPC_Response_Map::instance();
+  JSON_RPC_Notify_Manager::instance();
+  JSON_RPC_Channel_Map::instance();
+  JSON_RPC_Channel_Pool::instance();
+  add("echo", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) { return answer(c, r, r.params); });
+  add("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+    std::vector<std::string> subjects;
+    for (const json_spirit::Value& s : r.params.get_array())
+      subjects.push_back(s.get_str());
+    JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
+    return answer(c, r, true);
+  });
+  add("hang", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+    return c->send_object(notification("hung", r.params));
+  });
+  add("close.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request&) {
+    TCP_Channel::cast(c)->close();
+    return 0;
+  });
+  add("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+    std::lock_guard<std::mutex> guard(callers_mutex);
+    callers.emplace_back(call_back, c, r.params);
+    return 0;
+  });
+
+  TCP_Acceptor acceptor;
+  if (acceptor.open(ACE_INET_Addr(port, "127.0.0.1"), options) == -1)
+    return 1;
+  std::printf("PORT %u\n", static_cast<unsigned>(acceptor.port()));
+  std::fflush(stdout);
+
+  struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+  for (;;)
+  {
+    if (poll(fds, 2, -1) < 0)
+      continue;
+    if (fds[1].revents)
+      break;
+    char buffer[256];
+    if (fds[0].revents && read(STDIN_FILENO, buffer, sizeof buffer) <= 0)
+      break;
+  }
+
+  acceptor.close();
+  {
+    std::lock_guard<std::mutex> guard(callers_mutex);
+    for (std::thread& caller : callers)
+      caller.join();
+  }
+  JSON_RPC_Notify_Manager::close_instance();
+  JSON_RPC_Channel_Pool::close_instance();
+  JSON_RPC_Channel_Map::close_instance();
+  JSON_RPC_Response_Map::close_instance();
+  JSON_RPC_Request_Map::close_instance();
+  JSON_RPC_Dispatcher::close_instance();
+  return 0;
+}

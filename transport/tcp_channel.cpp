@@ -1,0 +1,656 @@
+#include "transport/tcp_channel.h"
+#include "transport/tcp_framing.h"
+
+#include "json_rpc/json_rpc_channel_map.h"
+#include "json_rpc/json_rpc_dispatcher.h"
+#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_spirit/json_spirit_writer.h"
+#include "tessel/utils.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Log_Msg.h>
+#include <ace/OS_NS_fcntl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <new>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <system_error>
+
+namespace
+{
+  const size_t read_chunk = 64 * 1024;
+  const size_t write_chunk = 64 * 1024;
+  // A buffer that grew for a large message is given back after it.
+  const size_t keep_capacity = 1024 * 1024;
+  // After bad input the peer's remaining bytes are read and dropped for a
+  // while, so that closing doesn't reset the connection before the error
+  // response has reached the peer.
+  const std::chrono::milliseconds linger_limit(2000);
+  const size_t linger_bytes = 1024 * 1024;
+
+  std::chrono::steady_clock::duration to_duration(const ACE_Time_Value& t)
+  {
+    return std::chrono::seconds(t.sec()) + std::chrono::microseconds(t.usec());
+  }
+
+  // Milliseconds left until deadline, rounded up; 0 when it has passed.
+  int ms_until(std::chrono::steady_clock::time_point deadline)
+  {
+    auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= left.zero())
+      return 0;
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(left + std::chrono::microseconds(999)).count();
+    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+  }
+
+  // The request written again under another id, straight from the object.
+  class Forward_Generator : public JSON_RPC_Object_Generator
+  {
+  public:
+    Forward_Generator(const JSON_RPC_Request& request, int forward_id)
+      : request_(request), forward_id_(forward_id)
+    {
+    }
+
+    bool generate_i(YAJL_Gen& gen) override
+    {
+      gen << YAJL_Gen::Str("id", 2) << forward_id_ << YAJL_Gen::Str("method", 6) << YAJL_Gen::Str(request_.method);
+      if (!request_.params.is_null())
+      {
+        gen << YAJL_Gen::Str("params", 6);
+        if (yajl_gen_value(gen.get(), request_.params) != 0)
+          return false;
+      }
+      return gen.ok();
+    }
+
+  private:
+    const JSON_RPC_Request& request_;
+    int forward_id_;
+  };
+}
+
+// ---------------------------------------------------------------- output
+
+TCP_Channel::Output::Output(TCP_Channel& channel) : channel_(channel), sent_(0), error_(0), discard_(false) {}
+
+void TCP_Channel::Output::begin(bool discard)
+{
+  buffer_.clear();
+  sent_ = 0;
+  error_ = 0;
+  discard_ = discard;
+}
+
+void TCP_Channel::Output::print(char const* data, unsigned long long length)
+{
+  if (discard_ || error_)
+    return;
+  if (channel_.options_.framing == TCP_Options::FRAMING_NDJSON && buffer_.size() + length > write_chunk)
+  {
+    if (!flush())
+      return;
+    if (length >= write_chunk)
+    {
+      write(data, static_cast<size_t>(length));
+      return;
+    }
+  }
+  buffer_.append(data, static_cast<size_t>(length));
+}
+
+int TCP_Channel::Output::write(char const* data, size_t length)
+{
+  struct iovec iov = {const_cast<char*>(data), length};
+  error_ = channel_.write_all(&iov, 1);
+  if (!error_)
+    sent_ += length;
+  return error_;
+}
+
+bool TCP_Channel::Output::flush()
+{
+  if (!buffer_.empty() && !write(buffer_.data(), buffer_.size()))
+    buffer_.clear();
+  return !error_;
+}
+
+int TCP_Channel::Output::end()
+{
+  if (discard_)
+    return EPIPE;
+  if (!error_)
+  {
+    if (channel_.options_.framing == TCP_Options::FRAMING_NDJSON)
+    {
+      buffer_.push_back('\n');
+      flush();
+    }
+    else
+    {
+      char head[48];
+      int n = std::snprintf(head, sizeof head, "Content-Length: %zu\r\n\r\n", buffer_.size());
+      struct iovec iov[2] = {{head, static_cast<size_t>(n)}, {&buffer_[0], buffer_.size()}};
+      error_ = channel_.write_all(iov, 2);
+      if (!error_)
+        sent_ += n + buffer_.size();
+    }
+  }
+  drop();
+  return error_;
+}
+
+void TCP_Channel::Output::drop()
+{
+  buffer_.clear();
+  if (buffer_.capacity() > keep_capacity)
+    std::string().swap(buffer_);
+}
+
+// ---------------------------------------------------------------- life
+
+TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
+  : options_(options), closing_(false), registered_(false), io_adapter_(io_lock_), output_failed_(false),
+    streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map)
+{
+  stream_.set_handle(stream.get_handle());
+  stream.set_handle(ACE_INVALID_HANDLE);
+  stream_.get_remote_addr(remote_addr_);
+  stream_.get_local_addr(local_addr_);
+  peer_ = ACE_Addr_String(remote_addr_).c_str();
+  // Reads and writes wait in poll, with the limits of the options.
+  stream_.enable(ACE_NONBLOCK);
+  ACE_OS::fcntl(stream_.get_handle(), F_SETFD, FD_CLOEXEC);
+  // Messages go out whole; waiting for more to fill a segment only delays.
+  int one = 1;
+  stream_.set_option(IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+TCP_Channel::~TCP_Channel()
+{
+  {
+    std::lock_guard<std::mutex> guard(thread_mutex_);
+    if (thread_.joinable())
+    {
+      // The read thread let go of its pointer last; it returns right after.
+      if (thread_.get_id() == std::this_thread::get_id())
+        thread_.detach();
+      else
+        thread_.join();
+    }
+  }
+  stream_.close();
+  // Only a channel that never started can still have forwards pending.
+  if (forward_map_)
+    forward_map_->clear();
+}
+
+TCP_Channel* TCP_Channel::cast(const JSON_RPC_Channel_Strong_Ptr& channel)
+{
+  return dynamic_cast<TCP_Channel*>(channel.get());
+}
+
+int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self)
+{
+  TCP_Channel* channel = cast(self);
+  if (!channel)
+  {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel is not a TCP channel:\n%?\n"));
+    errno = EINVAL;
+    return -1;
+  }
+  return channel->start_i(self);
+}
+
+int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self)
+{
+  self_ = JSON_RPC_Channel_Weak_Ptr(self);
+  id(peer_);
+  if (options_.on_connect && options_.on_connect(*this) == -1)
+  {
+    ACE_DEBUG((LM_INFO, "TCP %C: connection refused.\n", peer_.c_str()));
+    closing_ = true;
+    shutdown(SHUT_RDWR);
+    errno = ECONNREFUSED;
+    return -1;
+  }
+  if (options_.register_channel)
+  {
+    if (JSON_RPC_Channel_Map::instance()->insert(self) == -1)
+      ACE_ERROR((LM_ERROR, "TCP %C: failed to register the channel.\n", peer_.c_str()));
+    else
+      registered_ = true;
+  }
+  if (options_.use_pool)
+    JSON_RPC_Channel_Pool::instance()->insert(self_);
+
+  ACE_Log_Msg* log = ACE_Log_Msg::instance();
+  // Handed over as a pointer, so that run() can drop the reference itself.
+  std::unique_ptr<JSON_RPC_Channel_Strong_Ptr> keep(new JSON_RPC_Channel_Strong_Ptr(self));
+  std::lock_guard<std::mutex> guard(start_mutex_);
+  try
+  {
+    thread_ = std::thread(&TCP_Channel::run, this, keep.get(), log->msg_callback(),
+                          log->priority_mask(ACE_Log_Msg::THREAD));
+    keep.release();
+  }
+  catch (const std::system_error& e)
+  {
+    errno = e.code().value();
+    ACE_ERROR((LM_ERROR, "TCP %C: failed to start the read thread, errno=%d, %m.\n", peer_.c_str(), errno));
+    closing_ = true;
+    shutdown(SHUT_RDWR);
+    deregister(self);
+    errno = e.code().value();
+    return -1;
+  }
+  return 0;
+}
+
+void TCP_Channel::close()
+{
+  closing_ = true;
+  shutdown(SHUT_RDWR);
+  {
+    // thread_ is set once start() has let go of this.
+    std::lock_guard<std::mutex> started(start_mutex_);
+  }
+  std::lock_guard<std::mutex> guard(thread_mutex_);
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id())
+    thread_.join();
+}
+
+void TCP_Channel::shutdown(int how)
+{
+  std::lock_guard<std::mutex> guard(handle_lock_);
+  if (stream_.get_handle() != ACE_INVALID_HANDLE)
+    ::shutdown(stream_.get_handle(), how);
+}
+
+void TCP_Channel::run(JSON_RPC_Channel_Strong_Ptr* keep, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask)
+{
+  {
+    std::lock_guard<std::mutex> started(start_mutex_);
+  }
+  std::unique_ptr<JSON_RPC_Channel_Strong_Ptr> self(keep);
+  ACE_Log_Msg* log = ACE_Log_Msg::instance();
+  log->msg_callback(log_callback);
+  log->priority_mask(log_mask, ACE_Log_Msg::THREAD);
+  {
+    TCP_Frame_Reader frames(options_, self_);
+    read_loop(frames);
+    closing_ = true;
+    // A forward in progress holds another channel's lock: it goes first.
+    frames.close();
+  }
+  shutdown(SHUT_RDWR);
+  deregister(*self);
+  if (options_.on_close)
+    options_.on_close(*this);
+  {
+    // Writers check the handle under io_lock_, so none can use it once closed.
+    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    settle_stream();
+    std::lock_guard<std::mutex> handle_guard(handle_lock_);
+    stream_.close();
+  }
+  ACE_DEBUG((LM_DEBUG, "TCP %C: connection closed.\n", peer_.c_str()));
+  log->msg_callback(nullptr);
+  // May be the last owner: nothing of this object is touched afterwards.
+  self.reset();
+}
+
+void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
+{
+  if (registered_)
+    JSON_RPC_Channel_Map::instance()->remove(self);
+  JSON_RPC_Notify_Manager::instance()->unsubscribe(self_);
+  if (options_.use_pool)
+    JSON_RPC_Channel_Pool::instance()->remove(self_);
+  std::unique_ptr<JSON_RPC_Forward_Map> forwards;
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(forward_lock_);
+    forwards.swap(forward_map_);
+  }
+  // Sends to the requesters, so no lock of this channel is held.
+  if (forwards)
+    forwards->clear();
+}
+
+// ---------------------------------------------------------------- reading
+
+void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
+{
+  JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
+  TCP_Frame_Reader::Handler deliver = [this, dispatcher](JSON_RPC_Reader& reader) {
+    JSON_RPC_Object_Ptr object = reader.object();
+    if (object.get())
+      dispatcher->dispatch(self_, object);
+    else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
+      ACE_DEBUG((LM_WARNING, "TCP %C: message with nothing to dispatch ignored.\n", peer_.c_str()));
+    return !closing_;
+  };
+  std::unique_ptr<char[]> buffer(new char[read_chunk]);
+  const Clock::duration limit = to_duration(options_.read_limit);
+  for (;;)
+  {
+    int wait = -1;
+    if (frames.in_message())
+    {
+      wait = ms_until(frames.started() + limit);
+      if (wait == 0)
+      {
+        ACE_ERROR((LM_ERROR, "TCP %C: message not complete within %d ms; closing the connection.\n", peer_.c_str(),
+                   static_cast<int>(options_.read_limit.msec())));
+        return;
+      }
+    }
+    struct pollfd p = {stream_.get_handle(), POLLIN, 0};
+    int r = ::poll(&p, 1, wait);
+    if (r == 0 || (r < 0 && errno == EINTR))
+      continue;
+    if (r < 0)
+    {
+      ACE_ERROR((LM_ERROR, "TCP %C: failed to wait for input, errno=%d, %m; closing the connection.\n",
+                 peer_.c_str(), errno));
+      return;
+    }
+    ssize_t n = stream_.recv(buffer.get(), read_chunk);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+      continue;
+    if (n < 0 && errno != ECONNRESET)
+    {
+      if (!closing_)
+        ACE_ERROR((LM_ERROR, "TCP %C: failed to read, errno=%d, %m; closing the connection.\n", peer_.c_str(), errno));
+      return;
+    }
+    if (n <= 0)
+    {
+      if (frames.in_message() && !closing_)
+        ACE_DEBUG((LM_WARNING, "TCP %C: connection closed in the middle of a message.\n", peer_.c_str()));
+      return;
+    }
+    int f = frames.feed(buffer.get(), static_cast<size_t>(n), deliver);
+    if (f == -1)
+    {
+      protocol_error(frames);
+      return;
+    }
+    if (f == 1 || closing_)
+      return;
+  }
+}
+
+void TCP_Channel::protocol_error(TCP_Frame_Reader& frames)
+{
+  ACE_ERROR((LM_ERROR, "TCP %C: %C; closing the connection.\n", peer_.c_str(), frames.error().c_str()));
+  frames.close();
+  if (closing_)
+    return;
+  send_error(-32700, json_spirit::Value::null, nullptr, json_spirit::Value::null);
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    output_failed_ = true;
+    shutdown(SHUT_WR);
+  }
+  linger();
+}
+
+void TCP_Channel::linger()
+{
+  Clock::time_point deadline = Clock::now() + std::min<Clock::duration>(linger_limit, to_duration(options_.read_limit));
+  char buffer[4096];
+  size_t dropped = 0;
+  while (dropped < linger_bytes && !closing_)
+  {
+    int wait = ms_until(deadline);
+    if (wait == 0)
+      return;
+    struct pollfd p = {stream_.get_handle(), POLLIN, 0};
+    int r = ::poll(&p, 1, wait);
+    if (r < 0 && errno == EINTR)
+      continue;
+    if (r <= 0)
+      return;
+    ssize_t n = stream_.recv(buffer, sizeof buffer);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+      continue;
+    if (n <= 0)
+      return;
+    dropped += static_cast<size_t>(n);
+  }
+}
+
+// ---------------------------------------------------------------- writing
+
+int TCP_Channel::write_all(struct iovec* iov, int count)
+{
+  // The limit is on one write, not on a message: a forwarded response is
+  // written while it is read, as slowly as it comes in.
+  Clock::time_point deadline = Clock::now() + to_duration(options_.send_limit);
+  ACE_HANDLE handle = stream_.get_handle();
+  while (count > 0)
+  {
+    struct msghdr msg = {};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = count;
+    ssize_t n = ::sendmsg(handle, &msg, MSG_NOSIGNAL);
+    if (n >= 0)
+    {
+      size_t done = static_cast<size_t>(n);
+      while (count > 0 && done >= iov->iov_len)
+      {
+        done -= iov->iov_len;
+        ++iov;
+        --count;
+      }
+      if (count > 0)
+      {
+        iov->iov_base = static_cast<char*>(iov->iov_base) + done;
+        iov->iov_len -= done;
+      }
+      continue;
+    }
+    if (errno == EINTR)
+      continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK)
+      return errno;
+    int wait = ms_until(deadline);
+    if (wait == 0)
+      return ETIMEDOUT;
+    struct pollfd p = {handle, POLLOUT, 0};
+    if (::poll(&p, 1, wait) < 0 && errno != EINTR)
+      return errno;
+  }
+  return 0;
+}
+
+bool TCP_Channel::writable() const
+{
+  return !closing_ && !output_failed_ && stream_.get_handle() != ACE_INVALID_HANDLE;
+}
+
+void TCP_Channel::fail_output(int error)
+{
+  if (output_failed_)
+    return;
+  output_failed_ = true;
+  if (!closing_)
+  {
+    errno = error;
+    ACE_ERROR((LM_ERROR, "TCP %C: failed to write a message, errno=%d, %m; closing the connection.\n", peer_.c_str(),
+               error));
+  }
+  // The read thread sees the end and deregisters the channel.
+  shutdown(SHUT_RDWR);
+}
+
+void TCP_Channel::settle_stream()
+{
+  if (!streaming_)
+    return;
+  streaming_ = false;
+  stream_writer_.close();
+  if (output_.sent_some())
+    fail_output(EPROTO);
+  else
+    output_.drop();
+}
+
+template <class Generate>
+int TCP_Channel::write_message(Generate generate)
+{
+  settle_stream();
+  if (!writable())
+  {
+    errno = EPIPE;
+    return -1;
+  }
+  output_.begin(false);
+  if (!generate(output_))
+  {
+    // Half a message on the wire can't be taken back.
+    if (output_.sent_some())
+      fail_output(EPROTO);
+    else
+      output_.drop();
+    errno = EINVAL;
+    return -1;
+  }
+  int error = output_.end();
+  if (error)
+  {
+    fail_output(error);
+    errno = error;
+    return -1;
+  }
+  return 0;
+}
+
+int TCP_Channel::send_object(JSON_RPC_Object_Ptr object)
+{
+  if (!object.get())
+  {
+    errno = EINVAL;
+    return -1;
+  }
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
+  JSON_RPC_Writer writer;
+  return write_message([&](Output& out) { return writer.write(*object, out); });
+}
+
+int TCP_Channel::send_generator(JSON_Generator& generator)
+{
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
+  JSON_RPC_Writer writer;
+  return write_message([&](Output& out) { return writer.write(generator, out); });
+}
+
+yajl_gen_t* TCP_Channel::send_begin()
+{
+  settle_stream();
+  output_.begin(!writable());
+  yajl_gen_t* gen = stream_writer_.open(output_);
+  if (gen)
+    streaming_ = true;
+  return gen;
+}
+
+int TCP_Channel::send_end()
+{
+  if (!streaming_)
+  {
+    io_state_ = IO_STATE_NO_MESSAGE;
+    errno = EINVAL;
+    return -1;
+  }
+  streaming_ = false;
+  stream_writer_.close();
+  bool discarded = output_.discarding();
+  int error = output_.end();
+  if (error)
+  {
+    if (!discarded)
+      fail_output(error);
+    io_state_ = IO_STATE_CLOSED;
+    errno = error;
+    return -1;
+  }
+  io_state_ = IO_STATE_OK;
+  return 0;
+}
+
+int TCP_Channel::io_state() { return io_state_; }
+
+// ---------------------------------------------------------------- forwarding
+
+int TCP_Channel::put_forward_entry(JSON_RPC_Channel_Weak_Ptr requester, const json_spirit::Value& id)
+{
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, forward_lock_, -1);
+  if (!forward_map_)
+  {
+    errno = EPIPE;
+    return -1;
+  }
+  return forward_map_->put(id, requester);
+}
+
+int TCP_Channel::get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& requester, json_spirit::Value& id)
+{
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, forward_lock_, -1);
+  JSON_RPC_Forward_Map::Entry entry;
+  if (!forward_map_ || forward_map_->get(forward_id, entry) == -1)
+    return -1;
+  id = entry.first;
+  requester = entry.second;
+  return 0;
+}
+
+int TCP_Channel::forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object)
+{
+  if (!object.get() || object->type != JSON_RPC_Object::TYPE_REQUEST)
+  {
+    errno = EINVAL;
+    return -1;
+  }
+  const JSON_RPC_Request& request = static_cast<const JSON_RPC_Request&>(*object);
+  int forward_id = put_forward_entry(requester, request.id);
+  if (forward_id == -1)
+    return -1;
+  Forward_Generator generator(request, forward_id);
+  if (send_generator(generator) == 0)
+    return 0;
+  int error = errno;
+  JSON_RPC_Channel_Weak_Ptr unused_requester;
+  json_spirit::Value unused_id;
+  get_forward_entry(forward_id, unused_requester, unused_id);
+  errno = error;
+  return -1;
+}
+
+// ---------------------------------------------------------------- addresses
+
+namespace
+{
+  int copy_addr(const ACE_INET_Addr& from, ACE_Addr& to)
+  {
+    ACE_INET_Addr* inet = dynamic_cast<ACE_INET_Addr*>(&to);
+    if (!inet)
+    {
+      errno = EAFNOSUPPORT;
+      return -1;
+    }
+    *inet = from;
+    return 0;
+  }
+}
+
+int TCP_Channel::get_local_addr(ACE_Addr& addr) const { return copy_addr(local_addr_, addr); }
+int TCP_Channel::get_remote_addr(ACE_Addr& addr) const { return copy_addr(remote_addr_, addr); }
+int TCP_Channel::get_original_addr(ACE_Addr& addr) const { return copy_addr(remote_addr_, addr); }

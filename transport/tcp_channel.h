@@ -1,0 +1,195 @@
+#ifndef TRANSPORT_TCP_CHANNEL_H
+#define TRANSPORT_TCP_CHANNEL_H
+
+#include "transport/tcp_export.h"
+#include "transport/tcp_options.h"
+#include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_forward_map.h"
+#include "json_rpc/json_rpc_generator.h"
+
+#include <ace/INET_Addr.h>
+#include <ace/Lock_Adapter_T.h>
+#include <ace/SOCK_Stream.h>
+#include <ace/Thread_Mutex.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+class ACE_Log_Msg_Callback;
+class TCP_Frame_Reader;
+
+/// A JSON-RPC channel over one TCP connection.
+///
+/// Reading: one thread per connection feeds the bytes through a
+/// TCP_Frame_Reader to a JSON_RPC_Reader and hands each message to
+/// JSON_RPC_Dispatcher::dispatch. That thread holds a strong pointer to the
+/// channel while the connection is up, so the object outlives it; close()
+/// ends a connection. When it ends (the peer's end, close(), bad input, a
+/// failed write), the read thread takes the channel out of
+/// JSON_RPC_Channel_Map, JSON_RPC_Notify_Manager and the pool, answers the
+/// requests forwarded through it with -32603, and closes the socket.
+///
+/// Bad input (a header too large, a bad or missing Content-Length, a message
+/// the reader refuses or one over max_message_size) is logged and answered
+/// with an error of id null and code -32700 before the connection is closed.
+/// A message without content, such as {"id":1}, is logged and skipped.
+///
+/// Writing: each message goes out whole under io_mutex(). With NDJSON the
+/// text passes through a 64 KiB buffer to the socket while it is generated,
+/// so a large message is never held whole. With Content-Length framing the
+/// length has to come first, so the body is generated into a buffer and
+/// then written behind its header. A write that fails or waits longer than
+/// send_limit leaves the stream unusable: the channel shuts the socket and
+/// lets its read thread deregister it, since a send may run with the
+/// registers' locks held.
+///
+/// The transport threads take the log settings (message callback, priority
+/// mask) of the thread that started them. Create the library's singletons
+/// before the first transport starts: their first instance() call is not
+/// safe against another one on a second thread.
+class JSON_RPC_TCP_EXPORT TCP_Channel : public JSON_RPC_Channel
+{
+public:
+  /// What io_state() reports after a failed send_end.
+  enum IO_State
+  {
+    IO_STATE_OK = 0,
+    /// send_end without send_begin.
+    IO_STATE_NO_MESSAGE = 1,
+    /// The connection is gone or closing. That is this channel's own affair,
+    /// logged here if it needs a line: nothing for the caller to report.
+    IO_STATE_CLOSED = 7
+  };
+
+  /// Takes over the handle of a connected stream.
+  TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options);
+  ~TCP_Channel() override;
+
+  /// The TCP channel behind a pointer; null for another kind of channel.
+  static TCP_Channel* cast(const JSON_RPC_Channel_Strong_Ptr& channel);
+
+  /// Runs options().on_connect, registers the channel and starts its read
+  /// thread. self must own the channel. -1 if the connection was refused or
+  /// the thread could not be started; the connection is closed then.
+  static int start(JSON_RPC_Channel_Strong_Ptr self);
+
+  /// Ends the connection. On any thread but the channel's own read thread
+  /// it returns once that thread has deregistered the channel and ended; on
+  /// the read thread (a handler closing its own channel) it only starts the
+  /// end. Two handlers closing each other's channels would wait for each
+  /// other: close another connection from a thread that reads none.
+  void close();
+  /// True once the connection is ending.
+  bool closed() const { return closing_; }
+  const TCP_Options& options() const { return options_; }
+  /// The peer's address and port, the channel's default id.
+  const std::string& peer() const { return peer_; }
+  /// The channel as the registers hold it; empty before start().
+  JSON_RPC_Channel_Weak_Ptr weak() const { return self_; }
+
+  int send_object(JSON_RPC_Object_Ptr object) override;
+  int send_generator(JSON_Generator& generator) override;
+  /// The reader's forwarding path holds io_mutex() from before send_begin
+  /// until after send_end, so these two must not take it again. A message
+  /// that is begun and never ended is dropped by the next writer if none of
+  /// it went out yet, and otherwise breaks the connection. On a closed
+  /// connection send_begin still gives a generator, whose output goes
+  /// nowhere, and send_end then fails with IO_STATE_CLOSED.
+  yajl_gen_t* send_begin() override;
+  int send_end() override;
+  int put_forward_entry(JSON_RPC_Channel_Weak_Ptr requester, const json_spirit::Value& id) override;
+  int get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& requester, json_spirit::Value& id) override;
+  /// Sends object, a request of requester's, under a new forward id, so
+  /// that the reader streams the response back (forward_responses must be
+  /// on). 0 on success; the object itself is not changed.
+  int forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object) override;
+  /// Both addresses are taken when the connection is made and stay valid.
+  int get_local_addr(ACE_Addr& addr) const override;
+  int get_remote_addr(ACE_Addr& addr) const override;
+  /// Valid under io_mutex(), right after a failed send_end.
+  int io_state() override;
+  /// A direct TCP peer is its own origin: the remote address.
+  int get_original_addr(ACE_Addr& addr) const override;
+  ACE_Lock* io_mutex() override { return &io_adapter_; }
+
+private:
+  typedef std::chrono::steady_clock Clock;
+
+  /// Generated text on its way to the socket; used under io_lock_.
+  class Output : public YAJL_Printer
+  {
+  public:
+    explicit Output(TCP_Channel& channel);
+    /// A new message; with discard its text goes nowhere.
+    void begin(bool discard);
+    void print(char const* data, unsigned long long length) override;
+    /// Frames and writes what is left: 0, or the errno of the failure.
+    int end();
+    /// Forgets a message of which nothing has gone out.
+    void drop();
+    bool sent_some() const { return sent_ > 0; }
+    bool discarding() const { return discard_; }
+
+  private:
+    bool flush();
+    int write(char const* data, size_t length);
+
+    TCP_Channel& channel_;
+    std::string buffer_;
+    unsigned long long sent_;
+    int error_;
+    bool discard_;
+  };
+
+  int start_i(JSON_RPC_Channel_Strong_Ptr self);
+  void run(JSON_RPC_Channel_Strong_Ptr* self, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask);
+  void read_loop(TCP_Frame_Reader& frames);
+  void protocol_error(TCP_Frame_Reader& frames);
+  void linger();
+  void deregister(JSON_RPC_Channel_Strong_Ptr& self);
+  void shutdown(int how);
+
+  template <class Generate>
+  int write_message(Generate generate);
+  bool writable() const;
+  void settle_stream();
+  void fail_output(int error);
+  int write_all(struct iovec* iov, int count);
+
+  const TCP_Options options_;
+  ACE_SOCK_Stream stream_;
+  ACE_INET_Addr local_addr_;
+  ACE_INET_Addr remote_addr_;
+  std::string peer_;
+  JSON_RPC_Channel_Weak_Ptr self_;
+  std::atomic<bool> closing_;
+  bool registered_;
+
+  // Guards the socket handle against its close while another thread shuts
+  // it down; taken after io_lock_.
+  std::mutex handle_lock_;
+
+  ACE_Thread_Mutex io_lock_;
+  ACE_Lock_Adapter<ACE_Thread_Mutex> io_adapter_;
+  // Under io_lock_:
+  bool output_failed_;
+  bool streaming_;
+  int io_state_;
+  JSON_RPC_Writer stream_writer_;
+  Output output_;
+
+  ACE_Thread_Mutex forward_lock_;
+  std::unique_ptr<JSON_RPC_Forward_Map> forward_map_; // null once closed
+
+  // start_mutex_ makes the read thread wait until thread_ is set;
+  // thread_mutex_ lets one closer at a time join it.
+  std::mutex start_mutex_;
+  std::mutex thread_mutex_;
+  std::thread thread_;
+};
+
+#endif

@@ -1,0 +1,228 @@
+#include "transport/tcp_framing.h"
+
+#include <cstring>
+
+namespace
+{
+  bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+  // Characters of a header name (an HTTP token).
+  bool is_token(unsigned char c)
+  {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c && std::strchr("!#$%&'*+-.^_`|~", c));
+  }
+
+  bool same_name(const std::string& name, const char* lower)
+  {
+    size_t n = std::strlen(lower);
+    if (name.size() != n)
+      return false;
+    for (size_t i = 0; i < n; ++i)
+    {
+      char c = name[i];
+      if (c >= 'A' && c <= 'Z')
+        c = static_cast<char>(c - 'A' + 'a');
+      if (c != lower[i])
+        return false;
+    }
+    return true;
+  }
+
+  // Digits only, at most 2^63 - 1.
+  bool parse_length(const std::string& text, unsigned long long& out)
+  {
+    if (text.empty())
+      return false;
+    unsigned long long v = 0;
+    for (char c : text)
+    {
+      if (c < '0' || c > '9')
+        return false;
+      unsigned digit = static_cast<unsigned>(c - '0');
+      if (v > (9223372036854775807ULL - digit) / 10)
+        return false;
+      v = v * 10 + digit;
+    }
+    out = v;
+    return true;
+  }
+}
+
+TCP_Frame_Reader::TCP_Frame_Reader(const TCP_Options& options, JSON_RPC_Channel_Weak_Ptr channel)
+  : framing_(options.framing), max_header_size_(options.max_header_size),
+    max_message_size_(options.max_message_size), channel_(channel), state_(STATE_IDLE), header_bytes_(0),
+    has_length_(false), length_(0), body_bytes_(0)
+{
+  reader_.mode(options.forward_responses ? JSON_RPC_Reader::MODE_FORWARD_RESPONSE : JSON_RPC_Reader::MODE_ASSEMBLE);
+}
+
+TCP_Frame_Reader::~TCP_Frame_Reader() {}
+
+void TCP_Frame_Reader::close() { reader_.close(); }
+
+int TCP_Frame_Reader::fail(std::string what)
+{
+  state_ = STATE_FAILED;
+  error_ = std::move(what);
+  return -1;
+}
+
+bool TCP_Frame_Reader::refuse(std::string what)
+{
+  fail(std::move(what));
+  return false;
+}
+
+void TCP_Frame_Reader::begin()
+{
+  started_ = std::chrono::steady_clock::now();
+  header_bytes_ = 0;
+  has_length_ = false;
+  length_ = 0;
+  body_bytes_ = 0;
+  line_.clear();
+}
+
+bool TCP_Frame_Reader::open_reader()
+{
+  if (!reader_.open())
+    return false;
+  // open() clears the channels, so they are set again for every message.
+  reader_.channel(channel_);
+  state_ = STATE_BODY;
+  return true;
+}
+
+bool TCP_Frame_Reader::header_line()
+{
+  size_t colon = line_.find(':');
+  if (colon == std::string::npos || colon == 0)
+    return refuse("malformed header line");
+  std::string name = line_.substr(0, colon);
+  for (char c : name)
+    if (!is_token(static_cast<unsigned char>(c)))
+      return refuse("malformed header line");
+  size_t first = line_.find_first_not_of(" \t", colon + 1);
+  size_t last = line_.find_last_not_of(" \t");
+  std::string value = first == std::string::npos ? std::string() : line_.substr(first, last - first + 1);
+  if (!same_name(name, "content-length"))
+    return true; // Content-Type and anything else: not needed to read the body
+  unsigned long long length = 0;
+  if (!parse_length(value, length))
+    return refuse("bad Content-Length \"" + value.substr(0, 32) + "\"");
+  if (has_length_ && length != length_)
+    return refuse("conflicting Content-Length headers");
+  if (max_message_size_ && length > max_message_size_)
+    return refuse("message of " + std::to_string(length) + " bytes exceeds the limit of " +
+                  std::to_string(max_message_size_));
+  has_length_ = true;
+  length_ = length;
+  return true;
+}
+
+int TCP_Frame_Reader::finish(const Handler& handler)
+{
+  state_ = STATE_IDLE;
+  if (!reader_.read(nullptr, 0))
+    return fail("message refused by the reader");
+  return handler(reader_) ? 0 : 1;
+}
+
+int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handler)
+{
+  const char* p = data;
+  const char* end = data + length;
+  while (p < end)
+  {
+    switch (state_)
+    {
+    case STATE_FAILED: return -1;
+
+    case STATE_IDLE:
+      if (framing_ == TCP_Options::FRAMING_NDJSON)
+      {
+        while (p < end && is_space(*p))
+          ++p;
+        if (p == end)
+          break;
+        begin();
+        if (!open_reader())
+          return fail("can't open the reader");
+      }
+      else
+      {
+        begin();
+        state_ = STATE_HEADER;
+      }
+      break;
+
+    case STATE_HEADER:
+    {
+      const char* nl = static_cast<const char*>(std::memchr(p, '\n', end - p));
+      size_t take = (nl ? nl + 1 : end) - p;
+      header_bytes_ += take;
+      if (header_bytes_ > max_header_size_)
+        return fail("header larger than " + std::to_string(max_header_size_) + " bytes");
+      line_.append(p, nl ? take - 1 : take);
+      p += take;
+      if (!nl)
+        break;
+      if (!line_.empty() && line_.back() == '\r')
+        line_.pop_back();
+      if (!line_.empty())
+      {
+        if (!header_line())
+          return -1;
+        line_.clear();
+        break;
+      }
+      if (!has_length_)
+        return fail("no Content-Length header");
+      if (!open_reader())
+        return fail("can't open the reader");
+      if (length_ == 0)
+      {
+        int r = finish(handler);
+        if (r != 0)
+          return r;
+      }
+      break;
+    }
+
+    case STATE_BODY:
+    {
+      size_t take;
+      const char* nl = nullptr;
+      if (framing_ == TCP_Options::FRAMING_CONTENT_LENGTH)
+      {
+        unsigned long long left = length_ - body_bytes_;
+        take = left < static_cast<unsigned long long>(end - p) ? static_cast<size_t>(left) : end - p;
+      }
+      else
+      {
+        nl = static_cast<const char*>(std::memchr(p, '\n', end - p));
+        take = (nl ? nl : end) - p;
+      }
+      body_bytes_ += take;
+      if (max_message_size_ && body_bytes_ > max_message_size_)
+        return fail("message exceeds the limit of " + std::to_string(max_message_size_) + " bytes");
+      // A zero length would end the parse: only finish() may do that.
+      if (take && !reader_.read(p, take))
+        return fail("message refused by the reader");
+      p += take;
+      bool done = framing_ == TCP_Options::FRAMING_CONTENT_LENGTH ? body_bytes_ == length_ : nl != nullptr;
+      if (nl)
+        ++p;
+      if (done)
+      {
+        int r = finish(handler);
+        if (r != 0)
+          return r;
+      }
+      break;
+    }
+    }
+  }
+  return state_ == STATE_FAILED ? -1 : 0;
+}

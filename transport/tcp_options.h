@@ -1,0 +1,55 @@
+#ifndef TRANSPORT_TCP_OPTIONS_H
+#define TRANSPORT_TCP_OPTIONS_H
+
+#include "transport/tcp_export.h"
+
+#include <ace/Time_Value.h>
+
+#include <cstddef>
+#include <functional>
+
+class TCP_Channel;
+
+/// Settings of one listener (for all its connections) or of one outgoing
+/// connection.
+struct JSON_RPC_TCP_EXPORT TCP_Options
+{
+  enum Framing
+  {
+    /// "Content-Length: N\r\n\r\n" before each body, as the Language Server
+    /// Protocol frames messages. Header names are case-insensitive; a
+    /// Content-Type header is accepted and ignored, as are other headers.
+    FRAMING_CONTENT_LENGTH,
+    /// One message per line; blank lines between messages are skipped.
+    FRAMING_NDJSON
+  };
+
+  TCP_Options();
+
+  Framing framing;
+  /// Time a peer has to finish a message once its first byte has come
+  /// (60 s). A peer that is quiet between messages is never cut off.
+  ACE_Time_Value read_limit;
+  /// Time one write may wait for the peer to take data (60 s): a peer that
+  /// stops reading holds up the writers of its channel that long at most,
+  /// and then loses the connection.
+  ACE_Time_Value send_limit;
+  /// Bytes of header lines in front of one body (8 KiB).
+  size_t max_header_size;
+  /// Largest incoming message body in bytes; 0, the default, means no limit.
+  unsigned long long max_message_size;
+  /// Responses to requests passed on with TCP_Channel::forward stream back
+  /// to their requesters (the reader's MODE_FORWARD_RESPONSE).
+  bool forward_responses;
+  /// Enter the channel in JSON_RPC_Channel_Map while it is connected (true).
+  bool register_channel;
+  /// Enter it in JSON_RPC_Channel_Pool too (false).
+  bool use_pool;
+  /// Runs before registration, with type 0 and the id set to the peer's
+  /// address text; it may change both. -1 refuses the connection.
+  std::function<int(TCP_Channel&)> on_connect;
+  /// Runs on the read thread once the channel has been deregistered.
+  std::function<void(TCP_Channel&)> on_close;
+};
+
+#endif
