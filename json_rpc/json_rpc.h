@@ -20,4 +20,8 @@
 #include "json_rpc/json_restful.h"
 #include "json_rpc/json_rpc_conf.h"
 #include "json_rpc/json_rpc_service.h"
+#include "json_rpc/json_http_session.h"
+#include "json_rpc/json_restful_client.h"
+#include "json_rpc/json_rpc_http_session.h"
+#include "json_rpc/json_form_post.h"
 #endif

@@ -1,13 +1,26 @@
 #ifndef TESTS_HTTP_TEST_UTIL_H
 #define TESTS_HTTP_TEST_UTIL_H
 
+#include "json_spirit/json_spirit_reader.h"
+#include "json_spirit/json_spirit_writer.h"
 #include "tessel/http_client.h"
 #include "tessel/retry.h"
 
 #include <sys/resource.h>
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
+
+inline json_spirit::Value parse_json(const std::string& text)
+{
+  json_spirit::Value v;
+  EXPECT_TRUE(json_spirit::read_string(text, v)) << text;
+  return v;
+}
+
+inline std::string dump_json(const json_spirit::Value& v) { return json_spirit::write_string(v); }
 
 /// The back-off waits of the repeat loop, recorded instead of slept.
 struct Recorded_Waits

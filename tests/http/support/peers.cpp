@@ -170,7 +170,8 @@ std::string plain_get(unsigned short port, const std::string& path)
   int s = connect_loopback(port);
   if (s == -1)
     return std::string();
-  std::string request = "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  // HTTP/1.0: the body ends with the connection, unchunked.
+  std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
   if (write(s, request.data(), request.size()) != static_cast<ssize_t>(request.size()))
   {
     close(s);
@@ -240,12 +241,14 @@ Nginx_Peer::Nginx_Peer(unsigned short proxy_port, int keepalive_timeout) : port_
     conf << "  }\n}\n";
     conf.close();
     delete process_;
-    process_ = new Peer_Process({"nginx", "-p", dir_.path(), "-e", dir_.file("error.log"), "-c", dir_.file("nginx.conf")});
+    process_ = new Peer_Process(
+      {"nginx", "-p", dir_.path(), "-e", dir_.file("error.log"), "-c", dir_.file("nginx.conf")});
     if (wait_listening(port, 10))
       port_ = port;
   }
   if (!port_)
-    throw std::runtime_error("nginx did not start: is it installed (scripts/setup.sh)? See " + dir_.file("error.log"));
+    throw std::runtime_error("nginx did not start: is it installed (scripts/setup.sh)? See " +
+                             dir_.file("error.log"));
 }
 
 Nginx_Peer::~Nginx_Peer() { delete process_; }

@@ -1,0 +1,297 @@
+#include "http_test_util.h"
+#include "log_capture.h"
+#include "peers.h"
+#include "scripted_server.h"
+
+#include "json_rpc/json_restful_client.h"
+
+#include <gtest/gtest.h>
+
+using json_spirit::Value;
+
+namespace
+{
+  // How many requests reached json-server's REST routes, and the last head.
+  Value server_log(JSON_RESTful_Client& client)
+  {
+    Value log;
+    EXPECT_TRUE(client.get("/__requests", &log));
+    return log;
+  }
+
+  int server_requests(JSON_RESTful_Client& client) { return server_log(client).get_obj().at("requests").get_int(); }
+
+  class Items : public JSON_Generator
+  {
+  public:
+    bool generate_i(YAJL_Gen& gen) override
+    {
+      ++runs;
+      gen.map_open() << "name" << "generated" << "n" << runs;
+      return gen.map_close().ok();
+    }
+    int runs = 0;
+  };
+}
+
+TEST(JSON_RESTful_Client, GetPostPutDeleteAgainstJsonServer)
+{
+  Node_Peer rest("rest_server.js");
+  JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
+  ASSERT_TRUE(static_cast<bool>(client));
+  Log_Capture log;
+
+  Value items;
+  ASSERT_TRUE(client.get("/items", &items));
+  ASSERT_EQ(json_spirit::array_type, items.type());
+  EXPECT_EQ(2u, items.get_array().size());
+
+  Value body = parse_json("{\"name\":\"third\",\"tags\":[\"x\"]}");
+  HTTP_Response response;
+  Value created;
+  ASSERT_TRUE(client.post("/items", &body, response, &created));
+  EXPECT_EQ(201, response.status());
+  EXPECT_EQ("third", created.get_obj().at("name").get_str());
+  std::string id = std::to_string(created.get_obj().at("id").get_int());
+
+  Value changed = parse_json("{\"name\":\"renamed\"}");
+  Value after;
+  ASSERT_TRUE(client.put(("/items/" + id).c_str(), &changed, &after));
+  EXPECT_EQ("{\"id\":" + id + ",\"name\":\"renamed\"}", dump_json(after));
+
+  Value profile;
+  Items generated;
+  ASSERT_TRUE(client.post("/items", generated, &profile));
+  EXPECT_EQ("generated", profile.get_obj().at("name").get_str());
+
+  ASSERT_TRUE(client.del(("/items/" + id).c_str(), response));
+  EXPECT_EQ(200, response.status());
+  Value missing = parse_json("[1]");
+  EXPECT_FALSE(client.get(("/items/" + id).c_str(), response, &missing));
+  EXPECT_EQ(404, response.status());
+  EXPECT_EQ("{}", dump_json(missing)) << "the server's document of a 404 is read";
+  EXPECT_TRUE(log.contains("Failed to GET data from 'http://127.0.0.1:" + std::to_string(rest.port()) + "/items/" +
+                           id + "', status=404\n"));
+
+  // One request each: nothing was repeated, the 404 neither.
+  EXPECT_EQ(6, server_requests(client));
+  client.logging_error(false);
+  log.clear();
+  EXPECT_FALSE(client.del(("/items/" + id).c_str()));
+  EXPECT_FALSE(log.contains("status=404"));
+}
+
+TEST(JSON_RESTful_Client, StreamsOrBuffersTheBodyAsAsked)
+{
+  Node_Peer rest("rest_server.js");
+  JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
+  Value body = parse_json("{\"name\":\"b\"}");
+  Value out;
+  ASSERT_TRUE(client.post("/items", &body, &out));
+  Value last = server_log(client).get_obj().at("last").get_obj().at("headers");
+  EXPECT_EQ("chunked", last.get_obj().at("transfer-encoding").get_str());
+  EXPECT_EQ(0u, last.get_obj().count("content-length"));
+
+  client.streaming(false);
+  ASSERT_TRUE(client.post("/items", &body, &out));
+  last = server_log(client).get_obj().at("last").get_obj().at("headers");
+  EXPECT_EQ("12", last.get_obj().at("content-length").get_str());
+  EXPECT_EQ("application/json", last.get_obj().at("content-type").get_str());
+  EXPECT_EQ(0u, last.get_obj().count("transfer-encoding"));
+
+  // GET never says chunked; a null body says only what streaming implies.
+  client.streaming(true);
+  ASSERT_TRUE(client.get("/items/1", &out));
+  EXPECT_EQ(0u, server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
+}
+
+TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
+{
+  Recorded_Waits waits;
+  std::string doc = "{\"n\":\"" + std::string(3000, '1') + "\"}";
+  Reply good = Reply::json(200, "{\"ok\":true}");
+  Reply big = Reply::json(200, doc);
+  Scripted_Server server({Reply::cut(good, 10), Reply::cut(big, big.bytes.size() / 2), good,
+                          Reply::json(200, "{\"ok\":true}", "text/html"), Reply::json(200, "{\"ok\":"), good});
+  JSON_HTTP_Session session(local_session(server.port()), 5, 300);
+  Log_Capture log;
+  HTTP_Request request(HTTP_Request::METHOD_GET, "/r");
+  HTTP_Response response;
+  Value out;
+  ASSERT_TRUE(session.get(request, response, out));
+  EXPECT_EQ("{\"ok\":true}", dump_json(out));
+  EXPECT_EQ(3, server.heads()) << "cut in the head, cut in the body, then whole";
+  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits());
+  EXPECT_EQ(1u, log.count("Retry(1) "));
+  EXPECT_EQ(1u, log.count("Retry(2) "));
+  EXPECT_TRUE(log.contains("Failed to receive response from http://127.0.0.1:"));
+  EXPECT_TRUE(log.contains("Failed to GET data from JSON http://127.0.0.1:"));
+
+  // A wrong type and a bad document are not mended by trying again.
+  log.clear();
+  EXPECT_FALSE(session.get(request, response, out));
+  EXPECT_EQ(4, server.heads());
+  EXPECT_TRUE(log.contains("HTTP response Content-Type (text/html) of JSON http://127.0.0.1:"));
+  EXPECT_FALSE(session.get(request, response, out));
+  EXPECT_EQ(5, server.heads());
+  EXPECT_TRUE(log.contains("Failed to finish parsing JSON http://127.0.0.1:"));
+  EXPECT_EQ(0u, log.count("Retry("));
+}
+
+TEST(JSON_HTTP_Session, LimitsEndTheRepeats)
+{
+  Recorded_Waits waits;
+  Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 5)});
+  HTTP_Request request(HTTP_Request::METHOD_GET, "/");
+  HTTP_Response response;
+  Value out;
+  JSON_HTTP_Session session(local_session(server.port()), 1, -1);
+  EXPECT_FALSE(session.get(request, response, &out));
+  EXPECT_EQ(2, server.heads());
+  session.retries(0);
+  EXPECT_FALSE(session.get(request, response, &out));
+  EXPECT_EQ(3, server.heads());
+  session.retries(-1);
+  session.retry_timeout(0);
+  EXPECT_FALSE(session.get(request, response, &out));
+  EXPECT_EQ(4, server.heads());
+  session.retry_timeout(4);
+  EXPECT_FALSE(session.get(request, response, &out));
+  EXPECT_EQ(8, server.heads()) << "waits of 1, 2 and 4 start while less than 4 seconds were waited";
+  EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits());
+}
+
+TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)
+{
+  Scripted_Server server({Reply::json(500, "{\"error\":\"boom\"}"), Reply::json(500, "{\"error\":\"boom\"}"),
+                          Reply::json(204, ""), Reply::json(200, "{\"x\":1}", nullptr), Reply::json(299, "[]"),
+                          Reply::json(300, "[]")});
+  JSON_RESTful_Client client(local_session(server.port()), true);
+  Log_Capture log;
+  Value out;
+  EXPECT_FALSE(client.get("/e", &out));
+  EXPECT_EQ("{\"error\":\"boom\"}", dump_json(out));
+  JSON_RESTful_Client lenient(local_session(server.port()), false);
+  EXPECT_TRUE(lenient.get("/e", &out));
+  out = parse_json("[1]");
+  EXPECT_TRUE(client.get("/empty", &out));
+  EXPECT_TRUE(out.is_null());
+  client.skip_content_type(true);
+  EXPECT_TRUE(client.get("/untyped", &out)) << "no Content-Type passes when it is skipped";
+  EXPECT_EQ("{\"x\":1}", dump_json(out));
+  EXPECT_TRUE(client.get("/299", &out));
+  EXPECT_FALSE(client.get("/300", &out));
+  EXPECT_EQ(6, server.heads());
+  EXPECT_FALSE(client.is_status_ok(199));
+  EXPECT_FALSE(client.is_status_ok(304));
+  EXPECT_TRUE(client.is_status_ok(204));
+  EXPECT_TRUE(lenient.is_status_ok(500));
+}
+
+namespace
+{
+  class Filling_Client : public JSON_RESTful_Client
+  {
+  public:
+    using JSON_RESTful_Client::JSON_RESTful_Client;
+    bool fill_request(HTTP_Request& request) const override
+    {
+      ++fills;
+      request.headers().put("Authorization", "Bearer t");
+      return allow;
+    }
+    mutable int fills = 0;
+    bool allow = true;
+  };
+}
+
+TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
+{
+  Recorded_Waits waits;
+  Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 3), Reply::json(200, "{}")});
+  Filling_Client client(local_session(server.port()), true);
+  ASSERT_TRUE(client.set_header("X-Client", "c"));
+  ASSERT_TRUE(client.set_header(HTTP_Headers::ACCEPT, "application/json"));
+  Value out;
+  ASSERT_TRUE(client.get("/a", &out));
+  EXPECT_EQ(1, client.fills) << "once per call, not per repeat";
+  EXPECT_EQ(2, server.heads());
+  std::vector<Scripted_Request> seen = server.requests_copy();
+  ASSERT_EQ(2u, seen.size());
+  for (Scripted_Request& r : seen)
+  {
+    EXPECT_EQ("Bearer t", r.headers["authorization"]);
+    EXPECT_EQ("c", r.headers["x-client"]);
+    EXPECT_EQ("application/json", r.headers["accept"]);
+  }
+
+  Log_Capture log;
+  client.allow = false;
+  EXPECT_FALSE(client.del("/gone"));
+  EXPECT_TRUE(log.contains("Failed to fill request of DELETE 'http://127.0.0.1:"));
+  EXPECT_EQ(2, server.heads());
+}
+
+TEST(JSON_RESTful_Client, WithoutASessionEveryRequestFails)
+{
+  Log_Capture log;
+  JSON_RESTful_Client client("no-such-host.invalid", 80, false, true);
+  EXPECT_FALSE(static_cast<bool>(client));
+  Value out;
+  EXPECT_FALSE(client.get("/x", &out));
+  EXPECT_TRUE(log.contains("session_ is false"));
+  EXPECT_FALSE(client.set_header("X", "y"));
+  log.clear();
+  EXPECT_FALSE(client.post("", static_cast<const Value*>(nullptr), &out));
+  EXPECT_FALSE(client.post(static_cast<const char*>(nullptr), static_cast<const Value*>(nullptr), &out));
+  EXPECT_EQ(2u, log.count("uri is NULL or \"\""));
+  EXPECT_EQ(0u, log.count("session_ is false")) << "the uri is tested first";
+  JSON_HTTP_Session bare{HTTP_Session_Ptr(), 0, 0};
+  EXPECT_FALSE(bare.clear_cookie());
+  EXPECT_TRUE(log.contains("session_ is NULL"));
+
+  Scripted_Server server({Reply::json(200, "{}")});
+  EXPECT_TRUE(client.reset("127.0.0.1", server.port(), false, 5, 5, 0, 0, 0));
+  EXPECT_TRUE(client.get("/x", &out));
+  EXPECT_FALSE(client.reset("no-such-host.invalid", 80, false, 5, 5, 0, 3, 0));
+  EXPECT_TRUE(client.get("/x", &out)) << "a failed reset changes nothing";
+}
+
+namespace
+{
+  struct String_Sink : IO_Base
+  {
+    ssize_t write(char const* data, size_t length) override
+    {
+      text.append(data, length);
+      return static_cast<ssize_t>(length);
+    }
+    std::string text;
+  };
+}
+
+TEST(JSON_HTTP_Session, TakesABodyToASinkInTwoSteps)
+{
+  std::string doc = "[\"" + std::string(20000, 'q') + "\"]";
+  Scripted_Server server({Reply::chunked(200, doc, 3000), Reply::json(200, "x", "text/plain")});
+  JSON_HTTP_Session session(local_session(server.port()), 0, 0);
+  HTTP_Request request(HTTP_Request::METHOD_POST, "/download");
+  HTTP_Response response;
+  HTTP_Connection_Ptr connection = session.get(request, response);
+  ASSERT_TRUE(connection.get());
+  EXPECT_EQ(HTTP_Request::METHOD_GET, request.method());
+  EXPECT_EQ(200, response.status());
+  String_Sink sink;
+  ASSERT_TRUE(session.get(request, response, connection, sink));
+  EXPECT_EQ(doc, sink.text);
+
+  Log_Capture log;
+  connection = session.get(request, response);
+  String_Sink refused;
+  EXPECT_FALSE(session.get(request, response, connection, refused));
+  EXPECT_EQ("", refused.text);
+  session.skip_content_type(true);
+  connection = session.get(request, response);
+  EXPECT_TRUE(session.get(request, response, connection, refused));
+  EXPECT_EQ("x", refused.text);
+}

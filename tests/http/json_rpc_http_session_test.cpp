@@ -1,0 +1,237 @@
+#include "http_test_util.h"
+#include "log_capture.h"
+#include "peers.h"
+#include "scripted_server.h"
+
+#include "json_rpc/json_rpc_http_session.h"
+#include "json_rpc/json_rpc_session.h"
+
+#include <ace/SSL/SSL_Context.h>
+#include <gtest/gtest.h>
+
+using json_spirit::Value;
+
+namespace
+{
+  JSON_RPC_Object_Ptr make_request(const char* method, const char* params)
+  {
+    JSON_RPC_Object_Ptr request = JSON_RPC_Session::make_rpc_request(method, parse_json(params));
+    JSON_RPC_Id_Generator::gen(*request);
+    return request;
+  }
+
+  int jayson_requests(unsigned short port)
+  {
+    return parse_json(plain_get(port, "/__requests")).get_obj().at("requests").get_int();
+  }
+
+  std::string envelope(const char* result)
+  {
+    return std::string("{\"jsonrpc\":\"2.0\",\"id\":\"x\",\"result\":") + result + "}";
+  }
+}
+
+TEST(JSON_RPC_HTTP_Session, MessagePathAgainstJayson)
+{
+  Node_Peer jayson("jayson_server.js");
+  JSON_RPC_HTTP_Session rpc(local_session(jayson.port()), "/", 3, 10);
+  JSON_RPC_Object_Ptr response = rpc.request(make_request("echo", "{\"a\":[1,2.5,\"x\"]}"));
+  ASSERT_TRUE(response.get());
+  ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE, response->type);
+  EXPECT_EQ("{\"a\":[1,2.5,\"x\"]}", dump_json(static_cast<JSON_RPC_Response*>(response.get())->result));
+
+  response = rpc.request(make_request("fail", "[7]"));
+  ASSERT_TRUE(response.get());
+  ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE_ERROR, response->type);
+  JSON_RPC_Response_Error* error = static_cast<JSON_RPC_Response_Error*>(response.get());
+  EXPECT_EQ(-32000, error->code);
+  EXPECT_EQ("refused", error->message);
+  EXPECT_EQ("{\"args\":[7]}", dump_json(error->data));
+
+  // jayson answers a notification with 204, which is not 200.
+  JSON_RPC_Object_Ptr note = make_request("echo", "[]");
+  note->type = JSON_RPC_Object::TYPE_NOTIFICATION;
+  EXPECT_FALSE(rpc.notify(note));
+  EXPECT_EQ(3, jayson_requests(jayson.port()));
+  Value last = parse_json(plain_get(jayson.port(), "/__requests")).get_obj().at("last");
+  EXPECT_EQ("Keep-Alive", last.get_obj().at("headers").get_obj().at("connection").get_str());
+  EXPECT_EQ("chunked", last.get_obj().at("headers").get_obj().at("transfer-encoding").get_str());
+
+  Log_Capture log;
+  JSON_RPC_Object_Ptr answer(new JSON_RPC_Response(nullptr));
+  EXPECT_FALSE(rpc.send_request(answer).get());
+  EXPECT_TRUE(log.contains("obj is neither JSON-RPC request nor notify!"));
+}
+
+TEST(JSON_RPC_HTTP_Session, RawBodyPathAgainstJayson)
+{
+  Node_Peer jayson("jayson_server.js");
+  JSON_RPC_HTTP_Session rpc(local_session(jayson.port()), "/rpc", 3, 10);
+  ASSERT_TRUE(static_cast<bool>(rpc));
+  Value result;
+  ASSERT_TRUE(rpc.request("add", parse_json("[40,2]"), &result));
+  EXPECT_EQ(42, result.get_obj().at("result").get_int());
+  EXPECT_EQ("2.0", result.get_obj().at("jsonrpc").get_str());
+
+  // A JSON-RPC error inside a 200 is the caller's to open.
+  ASSERT_TRUE(rpc.request("fail", parse_json("[]"), &result));
+  EXPECT_EQ(-32000, result.get_obj().at("error").get_obj().at("code").get_int());
+  ASSERT_TRUE(rpc.request("nope", &result));
+  EXPECT_EQ(-32601, result.get_obj().at("error").get_obj().at("code").get_int());
+
+  // A large response, read in pieces of 4096 bytes.
+  ASSERT_TRUE(rpc.request("big", parse_json("{\"count\":3000,\"size\":700}"), &result));
+  const json_spirit::Array& items = result.get_obj().at("result").get_array();
+  ASSERT_EQ(3000u, items.size());
+  EXPECT_EQ(std::string(700, 'x'), items[2999].get_str());
+
+  HTTP_Request request(HTTP_Request::METHOD_POST, "/any");
+  Value body = parse_json("{\"jsonrpc\":\"2.0\",\"id\":5,\"method\":\"echo\",\"params\":[\"p\"]}");
+  HTTP_Response response;
+  ASSERT_TRUE(rpc.request(request, &body, response, &result));
+  EXPECT_EQ(200, response.status());
+  EXPECT_EQ("{\"id\":5,\"jsonrpc\":\"2.0\",\"result\":[\"p\"]}", dump_json(result));
+  EXPECT_EQ(5, jayson_requests(jayson.port()));
+}
+
+TEST(JSON_RPC_HTTP_Session, TLSThroughNginxToJayson)
+{
+  Node_Peer jayson("jayson_server.js");
+  Nginx_Peer nginx(jayson.port());
+  ACE_SSL_Context context;
+  context.set_mode(ACE_SSL_Context::SSLv23_client);
+  ASSERT_EQ(0, context.load_trusted_ca(nginx.certificate().c_str()));
+  HTTP_Session_Ptr session =
+    HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, "localhost", 3, &context, false, 10, 10, 0, 0);
+  ASSERT_TRUE(session.get());
+  JSON_RPC_HTTP_Session rpc(session, "/rpc", 0, 0);
+  Value result;
+  for (int i = 0; i < 3; ++i)
+  {
+    ASSERT_TRUE(rpc.request("add", parse_json("[1,2]"), &result));
+    EXPECT_EQ(3, result.get_obj().at("result").get_int());
+  }
+  JSON_RPC_Object_Ptr response = rpc.request(make_request("echo", "[true]"));
+  ASSERT_TRUE(response.get());
+  EXPECT_EQ(JSON_RPC_Object::TYPE_RESPONSE, response->type);
+  EXPECT_EQ(1ul, session->connections_opened());
+  EXPECT_EQ(4, jayson_requests(jayson.port()));
+}
+
+TEST(JSON_RPC_HTTP_Session, BodiesCarryTheirMembersAndOneIdPerCall)
+{
+  Recorded_Waits waits;
+  Reply dropped;
+  dropped.drop_after = 100;
+  Scripted_Server server({Reply::json(200, envelope("1")), Reply::json(200, envelope("2")), dropped,
+                          Reply::json(200, envelope("3"))});
+  JSON_RPC_HTTP_Session rpc(local_session(server.port()), "/rpc", 2, 10);
+  Value result;
+  ASSERT_TRUE(rpc.request("m", &result));
+  ASSERT_TRUE(rpc.request("m", parse_json("[]"), &result));
+  // Big enough that the body is still going out when the server drops it.
+  Value big = parse_json("[]");
+  for (int i = 0; i < 20000; ++i)
+    big.get_array().push_back(Value(std::string(1000, 'z')));
+  Log_Capture log;
+  ASSERT_TRUE(rpc.request("m", big, &result));
+  EXPECT_EQ(3, result.get_obj().at("result").get_int());
+  EXPECT_TRUE(log.contains("Failed to POST/PUT data to http://127.0.0.1:"));
+  EXPECT_EQ(1u, log.count("Retry(1) "));
+
+  std::vector<Scripted_Request> seen = server.requests_copy();
+  ASSERT_EQ(4u, seen.size());
+  std::string id0 = parse_json(seen[0].body).get_obj().at("id").get_str();
+  EXPECT_EQ("{\"id\":\"" + id0 + "\",\"jsonrpc\":\"2.0\",\"method\":\"m\"}", seen[0].body);
+  std::string id1 = parse_json(seen[1].body).get_obj().at("id").get_str();
+  EXPECT_EQ("{\"id\":\"" + id1 + "\",\"jsonrpc\":\"2.0\",\"method\":\"m\",\"params\":[]}", seen[1].body);
+  EXPECT_NE(id0, id1);
+  EXPECT_EQ("application/json", seen[1].headers["content-type"]);
+  EXPECT_EQ("chunked", seen[1].headers["transfer-encoding"]);
+  // The dropped attempt and its repeat carry the same id.
+  std::string id2 = parse_json(seen[3].body).get_obj().at("id").get_str();
+  EXPECT_EQ(0u, seen[2].body.find("{\"id\":\"" + id2 + "\""));
+  EXPECT_NE(id1, id2);
+}
+
+TEST(JSON_RPC_HTTP_Session, StatusAndFailuresOfEachReadingForm)
+{
+  const std::string error_body = "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32603,\"message\":\"m\"}}";
+  Reply charset = Reply::json(200, envelope("true"), "application/json; charset=utf-8");
+  Scripted_Server server({Reply::json(500, error_body), Reply::json(500, error_body), Reply::json(500, error_body),
+                          charset, charset, Reply::json(200, envelope("1"), "text/plain"),
+                          Reply::json(200, envelope("1"), nullptr), Reply::json(200, "{}"), Reply::json(200, "{}"),
+                          Reply::json(200, "{\"id\":1,\"res"), Reply::json(200, "{\"id\":1,\"res"),
+                          Reply::json(200, "{\"id\":1 x" + std::string(9000, ' ') + "}"),
+                          Reply::json(200, "{\"id\":1 x" + std::string(9000, ' ') + "}")});
+  JSON_RPC_HTTP_Session rpc(local_session(server.port()), "/rpc", 3, 10);
+  Log_Capture log;
+  Value result = parse_json("[0]");
+  EXPECT_FALSE(rpc.request("m", &result)) << "500 with a JSON body";
+  EXPECT_EQ(dump_json(parse_json(error_body)), dump_json(result));
+  EXPECT_FALSE(rpc.request("m", nullptr));
+
+  HTTP_Request request(HTTP_Request::METHOD_PUT, "/raw");
+  HTTP_Response response;
+  EXPECT_TRUE(rpc.request(request, static_cast<const Value*>(nullptr), response, nullptr));
+  EXPECT_EQ(500, response.status());
+  EXPECT_EQ(3, server.heads());
+
+  EXPECT_TRUE(rpc.request(make_request("m", "[]")).get()) << "a charset passes";
+  EXPECT_TRUE(rpc.request("m", &result));
+  EXPECT_FALSE(rpc.request(make_request("m", "[]")).get());
+  EXPECT_TRUE(log.contains("Invalid Content-Type (text/plain) of JSON-RPC response."));
+  EXPECT_FALSE(rpc.request("m", &result));
+  EXPECT_TRUE(log.contains("HTTP response Content-Type () of JSON http://127.0.0.1:"));
+
+  log.clear();
+  EXPECT_FALSE(rpc.request(make_request("m", "[]")).get()) << "{} makes no message";
+  EXPECT_TRUE(log.empty()) << log.text();
+  result = parse_json("[0]");
+  EXPECT_TRUE(rpc.request("m", &result));
+  EXPECT_EQ("{}", dump_json(result));
+
+  EXPECT_FALSE(rpc.request(make_request("m", "[]")).get());
+  EXPECT_TRUE(log.contains("Failed to finish JSON-RPC response.\n"));
+  EXPECT_FALSE(rpc.request("m", &result));
+  EXPECT_TRUE(log.contains("Failed to finish parsing JOSN http://127.0.0.1:"));
+  EXPECT_FALSE(rpc.request(make_request("m", "[]")).get());
+  EXPECT_TRUE(log.contains("Failed to parse JSON-RPC response.\n"));
+  EXPECT_FALSE(rpc.request("m", &result));
+  EXPECT_TRUE(log.contains("Failed to parse JSON http://127.0.0.1:"));
+  EXPECT_EQ(13, server.heads()) << "nothing after the sending is repeated";
+  EXPECT_EQ(0u, log.count("Retry("));
+
+  std::vector<Scripted_Request> seen = server.requests_copy();
+  EXPECT_EQ("PUT", seen[2].method);
+  EXPECT_EQ("chunked", seen[2].headers["transfer-encoding"]);
+  EXPECT_EQ(0u, seen[2].headers.count("content-type"));
+  EXPECT_EQ("", seen[2].body);
+
+  log.clear();
+  EXPECT_FALSE(rpc.parse_body(HTTP_Connection_Ptr(), request, response, &result));
+  EXPECT_EQ(500, response.status()) << "untouched";
+  EXPECT_TRUE(log.empty());
+}
+
+TEST(JSON_RPC_HTTP_Session, MessagePathTriesOnceTheRawPathRepeats)
+{
+  Recorded_Waits waits;
+  Log_Capture log;
+  JSON_RPC_HTTP_Session rpc(local_session(free_port()), "/rpc", 2, 10);
+  EXPECT_FALSE(rpc.request(make_request("m", "[]")).get());
+  EXPECT_EQ(1u, log.count("Failed to connect to"));
+  EXPECT_TRUE(log.contains("Failed to send JSON-RPC request to HTTP connection http://127.0.0.1:"));
+  log.clear();
+  Value result;
+  EXPECT_FALSE(rpc.request("m", &result));
+  EXPECT_EQ(3u, log.count("Failed to connect to"));
+  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits());
+
+  log.clear();
+  EXPECT_FALSE(rpc.request("", &result));
+  EXPECT_TRUE(log.contains("method is NULL or \"\""));
+  JSON_RPC_HTTP_Session none(HTTP_Session_Ptr(), "/", 0, 0);
+  EXPECT_FALSE(static_cast<bool>(none));
+  EXPECT_FALSE(none.request(make_request("m", "[]")).get());
+}
