@@ -379,8 +379,8 @@ class HTTP_Client_Connection : public HTTP_Connection
 {
 public:
   HTTP_Client_Connection(const HTTP_Endpoint& endpoint, std::unique_ptr<HTTP_Transport> transport)
-    : endpoint_(endpoint), transport_(std::move(transport)), session_(nullptr), state_(STATE_BODY_END), error_(0),
-      receive_(new char[receive_capacity]), body_(new char[chunk_capacity])
+    : endpoint_(endpoint), host_field_(endpoint.host_field()), transport_(std::move(transport)), session_(nullptr),
+      state_(STATE_BODY_END), error_(0), receive_(new char[receive_capacity]), body_(new char[chunk_capacity])
   {
   }
 
@@ -435,6 +435,7 @@ private:
   ssize_t receive();
 
   HTTP_Endpoint endpoint_;
+  std::string host_field_;
   std::unique_ptr<HTTP_Transport> transport_;
   HTTP_Session* session_;
   HTTP_Response_Parser parser_;
@@ -494,7 +495,7 @@ void HTTP_Client_Connection::begin(HTTP_Session* session, const HTTP_Request& re
   if (!own.get(HTTP_Headers::HOST))
   {
     head_ += "Host: ";
-    head_ += endpoint_.host_field();
+    head_ += host_field_;
     head_ += "\r\n";
   }
   const HTTP_Headers& common = session->headers();

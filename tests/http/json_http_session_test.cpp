@@ -141,6 +141,7 @@ TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
 TEST(JSON_HTTP_Session, LimitsEndTheRepeats)
 {
   Recorded_Waits waits;
+  Log_Capture log;
   Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 5)});
   HTTP_Request request(HTTP_Request::METHOD_GET, "/");
   HTTP_Response response;
@@ -210,6 +211,7 @@ TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
   Recorded_Waits waits;
   Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 3), Reply::json(200, "{}")});
   Filling_Client client(local_session(server.port()), true);
+  Log_Capture log;
   ASSERT_TRUE(client.set_header("X-Client", "c"));
   ASSERT_TRUE(client.set_header(HTTP_Headers::ACCEPT, "application/json"));
   Value out;
@@ -225,7 +227,7 @@ TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
     EXPECT_EQ("application/json", r.headers["accept"]);
   }
 
-  Log_Capture log;
+  log.clear();
   client.allow = false;
   EXPECT_FALSE(client.del("/gone"));
   EXPECT_TRUE(log.contains("Failed to fill request of DELETE 'http://127.0.0.1:"));
