@@ -44,6 +44,17 @@ namespace
     return value;
   }
 
+  // The value is used whatever happened, but a text that is no number is
+  // worth a line: "-n x" silently means no pool.
+  uint64_t number_option(const ACE_TCHAR* text, int option)
+  {
+    uint64_t value = to_number(text);
+    if (errno != 0)
+      ACE_DEBUG((LM_WARNING, "Bad number '%s' for JSON_RPC_Service option -%c, %B is used.\n", text ? text : "",
+                 option, value));
+    return value;
+  }
+
   void destroy_service(void* service) { delete static_cast<ACE_Service_Object*>(service); }
 }
 
@@ -98,9 +109,9 @@ int JSON_RPC_Service::parse_args(int argc, ACE_TCHAR* argv[])
     case 'j': load_json_config(opt.opt_arg(), JSON_Conf_T<JSON_RPC_Conf_Traits>()); break;
     case 'f': load_json_config(opt.opt_arg(), JSON_Conf_T<JSON_RPC_Params_Conf_Traits>()); break;
     case 'r': load_json_config(opt.opt_arg(), JSON_Conf_T<JSON_RESTful_Conf_Traits>()); break;
-    case 'n': thread_number = to_number(opt.opt_arg()); break;
-    case 'h': queue_hwm = to_number(opt.opt_arg()); break;
-    case 'l': queue_lwm = to_number(opt.opt_arg()); break;
+    case 'n': thread_number = number_option(opt.opt_arg(), c); break;
+    case 'h': queue_hwm = number_option(opt.opt_arg(), c); break;
+    case 'l': queue_lwm = number_option(opt.opt_arg(), c); break;
     default: ACE_ERROR((LM_ERROR, "Unknown JSON_RPC_Service option %s\n", opt.last_option())); break;
     }
   }

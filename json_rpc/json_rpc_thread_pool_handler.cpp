@@ -5,6 +5,7 @@
 #include <boost/lexical_cast.hpp>
 
 #include <cerrno>
+#include <cstdint>
 #include <new>
 
 std::unique_ptr<Thread_Pool_Helper> JSON_RPC_Thread_Pool_Handler::thread_pool_;
@@ -13,6 +14,10 @@ namespace
 {
   // Zero: an absolute time in the past, so a full queue refuses at once.
   ACE_Time_Value no_wait;
+
+  // The queue counts each entry as 32 bytes; a mark beyond what that can
+  // express is no limit, rather than a small one after wrapping.
+  size_t queue_bytes(size_t calls) { return calls > SIZE_MAX / 32 ? SIZE_MAX : calls * 32; }
 
   // "(value)" unless the value's text is the operand's own name.
   std::string decorate(const char* operand, size_t value)
@@ -53,9 +58,8 @@ int JSON_RPC_Thread_Pool_Handler::activate(const char* name, size_t threads, siz
     return -1;
   }
   thread_pool_.reset(pool);
-  // The queue counts each entry as 32 bytes.
-  pool->msg_queue()->high_water_mark(high_water_mark * 32);
-  pool->msg_queue()->low_water_mark(low_water_mark * 32);
+  pool->msg_queue()->high_water_mark(queue_bytes(high_water_mark));
+  pool->msg_queue()->low_water_mark(queue_bytes(low_water_mark));
   return pool->start();
 }
 

@@ -5,9 +5,11 @@
 
 #include <ace/ARGV.h>
 #include <ace/DLL.h>
+#include <ace/DLL_Manager.h>
 #include <ace/Log_Msg.h>
 
 #include <cstring>
+#include <string>
 
 /// Loads each record of a handler configuration file: opens the record's
 /// library, calls its factory, runs the object's init with the record's
@@ -38,7 +40,7 @@ bool JSON_Conf_T<Traits>::handle_record()
   // Undoes a record that does not make it into the table.
   struct Guard
   {
-    Guard() : keep(false), dll(false), object(nullptr), destroy(nullptr), opened(false) {}
+    Guard() : keep(false), dll(false), object(nullptr), destroy(nullptr) {}
     ~Guard()
     {
       if (keep)
@@ -51,14 +53,17 @@ bool JSON_Conf_T<Traits>::handle_record()
         else
           delete object;
       }
-      if (opened)
-        dll.close();
+      // ACE_DLL::close() gives the reference back only for an ACE_DLL that
+      // closes on destruction, which this one must not be in case the
+      // record is kept: so it goes back to the manager directly.
+      if (!opened.empty())
+        ACE_DLL_Manager::instance(1024)->close_dll(opened.c_str());
     }
     bool keep;
     ACE_DLL dll;
     Object* object;
     Destroy destroy;
-    bool opened;
+    std::string opened;
   } guard;
 
   if (guard.dll.open(dll().c_str(), 2, false) != 0)
@@ -66,7 +71,7 @@ bool JSON_Conf_T<Traits>::handle_record()
     ACE_ERROR((LM_ERROR, "Unable to open dll '%C': %C\n", dll().c_str(), guard.dll.error()));
     return false;
   }
-  guard.opened = true;
+  guard.opened = dll();
   void* symbol = guard.dll.symbol(init().c_str(), 0);
   if (!symbol)
   {

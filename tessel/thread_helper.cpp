@@ -5,21 +5,38 @@
 #include <ace/Thread.h>
 
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <new>
 #include <pthread.h>
 
 namespace
 {
+  // About what waking a sleeping thread costs; spinning longer only burns
+  // the core.
+  const std::chrono::microseconds spin_time(50);
+
   void name_thread(const std::string& name)
   {
     // Linux limits thread names to 15 characters.
     if (!name.empty())
       pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
   }
+
+  inline void cpu_relax()
+  {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+  }
 }
 
 Thread_Pool_Helper::Thread_Pool_Helper(size_t n, const char* thread_name, long f, long p, ACE_Time_Value* timeout)
-  : name(thread_name ? thread_name : ""), threads(n), flags(f), priority(p), enqueue_timeout(timeout)
+  : ACE_Task_Ex<ACE_MT_SYNCH, Task, ACE_System_Time_Policy>(nullptr, &queue_),
+    name(thread_name ? thread_name : ""), threads(n), flags(f), priority(p), enqueue_timeout(timeout), queue_(*this),
+    queued_(0), spinning_(0), sleeping_(0), shut_(false)
 {
 }
 
@@ -31,11 +48,47 @@ Thread_Pool_Helper::~Thread_Pool_Helper()
   drain();
 }
 
+int Thread_Pool_Helper::Queue::deactivate()
+{
+  int result = Queue_Base::deactivate();
+  pool_.shut_.store(true);
+  pool_.wake(true);
+  return result;
+}
+
+int Thread_Pool_Helper::Queue::activate()
+{
+  int result = Queue_Base::activate();
+  pool_.shut_.store(false);
+  return result;
+}
+
+int Thread_Pool_Helper::enqueue(Task* task, bool at_front, ACE_Time_Value* timeout)
+{
+  int result = at_front ? ungetq(task, timeout) : putq(task, timeout);
+  if (result >= 0)
+  {
+    queued_.fetch_add(1);
+    // A spinning worker takes it without help.
+    if (spinning_.load() == 0 && sleeping_.load() > 0)
+      wake(false);
+  }
+  return result;
+}
+
+int Thread_Pool_Helper::dequeue(Task*& task, ACE_Time_Value* timeout)
+{
+  int result = getq(task, timeout);
+  if (result >= 0)
+    queued_.fetch_sub(1);
+  return result;
+}
+
 void Thread_Pool_Helper::drain()
 {
-  ACE_Time_Value now = ACE_OS::gettimeofday();
+  ACE_Time_Value past;
   Task* task = nullptr;
-  while (!msg_queue()->is_empty() && getq(task, &now) >= 0)
+  while (!msg_queue()->is_empty() && dequeue(task, &past) >= 0)
   {
     if (task != &stop_task)
       delete task;
@@ -45,23 +98,30 @@ void Thread_Pool_Helper::drain()
 
 int Thread_Pool_Helper::start()
 {
+  if (threads > INT_MAX)
+  {
+    errno = EINVAL;
+    return -1;
+  }
   return activate(flags, static_cast<int>(threads), 0, priority, -1);
 }
 
-int Thread_Pool_Helper::schedule(const Task& task, bool at_front)
+int Thread_Pool_Helper::schedule(const Task& task, bool at_front) { return schedule(Task(task), at_front); }
+
+int Thread_Pool_Helper::schedule(Task&& task, bool at_front)
 {
   if (thr_count() == 0)
   {
     ACE_ERROR((LM_ERROR, "No active worker thread!\n"));
     return -1;
   }
-  Task* copy = new (std::nothrow) Task(task);
+  Task* copy = new (std::nothrow) Task(std::move(task));
   if (!copy)
   {
     errno = ENOMEM;
     return -1;
   }
-  int result = at_front ? ungetq(copy, enqueue_timeout) : putq(copy, enqueue_timeout);
+  int result = enqueue(copy, at_front, enqueue_timeout);
   if (result < 1)
   {
     ACE_ERROR((LM_ERROR, "Failed to schedule task, errno=%d, %m\n", ACE_OS::last_error()));
@@ -76,9 +136,73 @@ int Thread_Pool_Helper::stop(bool discard)
     drain();
   if (thr_count() == 0)
     return 0;
-  int result = putq(&stop_task) == -1 ? -1 : wait();
+  int result = enqueue(&stop_task, false, nullptr) == -1 ? -1 : wait();
   drain();
   return result;
+}
+
+void Thread_Pool_Helper::wake(bool all)
+{
+  std::lock_guard<std::mutex> lock(sleep_mutex_);
+  if (all)
+    sleep_.notify_all();
+  else
+    sleep_.notify_one();
+}
+
+bool Thread_Pool_Helper::spin()
+{
+  int idle = 0;
+  if (!spinning_.compare_exchange_strong(idle, 1))
+    return false;
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::now() + spin_time;
+  bool found;
+  for (unsigned int i = 1; !(found = queued_.load() > 0); ++i)
+  {
+    cpu_relax();
+    if (i % 64 == 0 && std::chrono::steady_clock::now() >= deadline)
+      break;
+  }
+  spinning_.store(0);
+  return found;
+}
+
+void Thread_Pool_Helper::sleep()
+{
+  std::unique_lock<std::mutex> lock(sleep_mutex_);
+  // Counted before the look at the queue, so an enqueue either sees the
+  // sleeper or is seen by it.
+  sleeping_.fetch_add(1);
+  while (queued_.load() <= 0 && !shut_.load())
+    sleep_.wait(lock);
+  sleeping_.fetch_sub(1);
+}
+
+bool Thread_Pool_Helper::take(Task*& task)
+{
+  for (;;)
+  {
+    if (queued_.load() > 0)
+    {
+      ACE_Time_Value past;
+      if (dequeue(task, &past) >= 0)
+      {
+        // Left over work goes to another worker while this one is busy.
+        if (queued_.load() > 0 && spinning_.load() == 0 && sleeping_.load() > 0)
+          wake(false);
+        return true;
+      }
+      if (errno == ESHUTDOWN)
+        return false;
+      // Another worker was first.
+      cpu_relax();
+      continue;
+    }
+    if (shut_.load())
+      return false;
+    if (!spin())
+      sleep();
+  }
 }
 
 int Thread_Pool_Helper::svc()
@@ -87,12 +211,12 @@ int Thread_Pool_Helper::svc()
   for (;;)
   {
     Task* task = nullptr;
-    if (getq(task) < 0 || !task)
+    if (!take(task) || !task)
       return 0;
     if (task == &stop_task)
     {
       // Put the marker back for the next worker.
-      ungetq(task);
+      enqueue(task, true, nullptr);
       return 0;
     }
     (*task)();

@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in their own build directory and prints their
+# figures. Usage: bench/run.sh [BUILD_DIR] (default: build-bench beside this
+# folder's parent).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$root/build-bench}
+
+cmake -S "$root" -B "$build" -DJSON_RPC_BUILD_BENCH=ON -DJSON_RPC_BUILD_TESTS=OFF >/dev/null
+cmake --build "$build" -j2 --target pool_bench >/dev/null
+
+echo "== Pool handler against per-call thread and direct handlers =="
+# Three runs of each; the summary takes their medians.
+"$build/bin/pool_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+  --benchmark_counters_tabular=true --benchmark_color=false

@@ -1,0 +1,527 @@
+// The shared pool and the per-call thread handler: what a caller can rely
+// on when workers are busy, the queue is full, the pool stops or is
+// replaced, and when a peer goes away while its call waits or runs.
+#include "fake_channel.h"
+#include "log_capture.h"
+#include "sync.h"
+
+#include "json_rpc/json_rpc_thread_handler.h"
+#include "json_rpc/json_rpc_thread_pool_handler_impl.h"
+#include "tessel/thread_helper.h"
+
+#include <ace/Thread_Manager.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <pthread.h>
+#include <thread>
+#include <vector>
+
+namespace
+{
+  JSON_RPC_Object_Ptr request(int id, JSON_RPC_Object::Type type = JSON_RPC_Object::TYPE_REQUEST)
+  {
+    JSON_RPC_Request* r = new JSON_RPC_Request;
+    r->type = type;
+    r->method = "probe";
+    r->id = id;
+    r->params = id;
+    return JSON_RPC_Object_Ptr(r);
+  }
+
+  // A request that counts its own destruction.
+  class Counted_Request : public JSON_RPC_Request
+  {
+  public:
+    Counted_Request(int id, Counter& gone) : gone_(gone)
+    {
+      type = TYPE_REQUEST;
+      method = "probe";
+      this->id = id;
+      params = id;
+    }
+    ~Counted_Request() override { gone_.add(); }
+
+  private:
+    Counter& gone_;
+  };
+
+  JSON_RPC_Channel_Strong_Ptr make_channel() { return JSON_RPC_Channel_Strong_Ptr(new Fake_Channel); }
+  Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& c) { return static_cast<Fake_Channel&>(*c); }
+
+  // A channel that reports, as it dies, how many messages it was sent.
+  class Watched_Channel : public Fake_Channel
+  {
+  public:
+    explicit Watched_Channel(std::function<void(size_t)> gone) : gone_(std::move(gone)) {}
+    ~Watched_Channel() override { gone_(count()); }
+
+  private:
+    std::function<void(size_t)> gone_;
+  };
+
+  std::string thread_name()
+  {
+    char name[32] = {0};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+  }
+
+  void answer(JSON_RPC_Channel* channel, const JSON_RPC_Request& request)
+  {
+    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
+    response->result = request.params;
+    channel->send_object(JSON_RPC_Object_Ptr(response));
+  }
+
+  // A pool method that notes each call, and holds it at a gate if it has one.
+  class Probe_Pool : public JSON_RPC_Thread_Pool_Handler_Impl
+  {
+  public:
+    int handle_request(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override
+    {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        null_channel[request.id.get_int()] = channel == nullptr;
+        order.push_back(request.id.get_int());
+        worker_name = thread_name();
+      }
+      started.add();
+      if (gate)
+        gate->wait();
+      if (on_release)
+        on_release();
+      if (channel)
+        answer(channel, request);
+      finished.add();
+      return 0;
+    }
+    int handle_notify(JSON_RPC_Channel*, JSON_RPC_Request&) override
+    {
+      notified.add();
+      return 0;
+    }
+    int handle_response(JSON_RPC_Channel*, JSON_RPC_Response&) override
+    {
+      responses.add();
+      return 0;
+    }
+    int handle_response_error(JSON_RPC_Channel*, JSON_RPC_Response_Error&) override
+    {
+      errors.add();
+      return 0;
+    }
+
+    Gate* gate = nullptr;
+    std::function<void()> on_release;
+    Counter started, finished, notified, responses, errors;
+    std::mutex mutex;
+    std::map<int, bool> null_channel;
+    std::vector<int> order;
+    std::string worker_name;
+  };
+
+  class Pool_Handler : public ::testing::Test
+  {
+  protected:
+    void TearDown() override { JSON_RPC_Thread_Pool_Handler::deactivate(); }
+
+    // Polls, without sleeping, until the pool's queue has been shut down.
+    static bool wait_until_deactivated(Thread_Pool_Helper* pool)
+    {
+      for (int i = 0; i < 20000000; ++i)
+      {
+        {
+          // ACE reads the flag without the lock; the lock also orders what
+          // the stopping thread did before.
+          ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, pool->msg_queue()->lock(), false);
+          if (pool->msg_queue()->deactivated())
+            return true;
+        }
+        std::this_thread::yield();
+      }
+      return false;
+    }
+
+    // A pool whose workers are all held at the gate, each in a call (ids 1
+    // up) from the channel it gives.
+    JSON_RPC_Channel_Strong_Ptr hold_workers(size_t workers, size_t queue)
+    {
+      EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", workers, queue, 1));
+      handler.gate = &gate;
+      auto channel = make_channel();
+      for (size_t id = 1; id <= workers; ++id)
+        EXPECT_EQ(0, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(channel), request(static_cast<int>(id))));
+      EXPECT_TRUE(handler.started.wait_for(static_cast<int>(workers)));
+      return channel;
+    }
+
+    Probe_Pool handler;
+    Gate gate;
+  };
+}
+
+TEST_F(Pool_Handler, ActivationPreconditionsNameTheOperandsAndMakeNoPool)
+{
+  Log_Capture log;
+  EXPECT_EQ(-1, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 0, 10, 5));
+  EXPECT_TRUE(log.contains("threads(0) <= 0:\n"));
+  EXPECT_EQ(-1, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, 10, 0));
+  EXPECT_TRUE(log.contains("low_water_mark(0) <= 0:\n"));
+  EXPECT_EQ(-1, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, 5, 10));
+  EXPECT_TRUE(log.contains("high_water_mark(5) < low_water_mark(10):\n"));
+  EXPECT_EQ(3u, log.count_priority(LM_EMERGENCY));
+  EXPECT_EQ(3u, log.count("Unexpected error in "));
+  EXPECT_FALSE(JSON_RPC_Thread_Pool_Handler::thread_pool_);
+
+  // Equal marks are allowed.
+  EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, 4, 4));
+  ASSERT_TRUE(JSON_RPC_Thread_Pool_Handler::thread_pool_);
+  EXPECT_EQ(4u * 32, JSON_RPC_Thread_Pool_Handler::thread_pool_->msg_queue()->high_water_mark());
+}
+
+TEST_F(Pool_Handler, WithoutAPoolACallFailsWithTheEmergencyLine)
+{
+  EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::deactivate());
+  auto channel = make_channel();
+  Log_Capture log;
+  EXPECT_EQ(-1, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(channel), request(1)));
+  EXPECT_TRUE(log.contains("thread_pool_.get() is NULL:\n"));
+  EXPECT_EQ(1u, log.count_priority(LM_EMERGENCY));
+}
+
+TEST_F(Pool_Handler, FullQueueRefusesTheNextCallAtOnceAndRunsTheRest)
+{
+  // Two workers, room for three waiting calls.
+  auto channel = hold_workers(2, 3);
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  for (int id = 3; id <= 5; ++id)
+    ASSERT_EQ(0, handler.handle_object(weak, request(id))) << id;
+
+  Log_Capture log;
+  errno = 0;
+  // With every worker held, this returns only if the enqueue does not wait.
+  EXPECT_EQ(-1, handler.handle_object(weak, request(6)));
+  EXPECT_EQ(EWOULDBLOCK, errno);
+  EXPECT_EQ(std::vector<std::string>{"Failed to schedule task, errno=11, Resource temporarily unavailable\n"},
+            log.lines());
+
+  gate.open();
+  ASSERT_TRUE(handler.finished.wait_for(5));
+  ASSERT_TRUE(fake(channel).wait_for(5));
+  // Once there is room again, calls are taken.
+  ASSERT_EQ(0, handler.handle_object(weak, request(7)));
+  ASSERT_TRUE(fake(channel).wait_for(6));
+  std::lock_guard<std::mutex> lock(handler.mutex);
+  EXPECT_EQ(0u, handler.null_channel.count(6)) << "the refused call ran";
+  EXPECT_EQ(6u, handler.order.size());
+  EXPECT_EQ("JSONRPC", handler.worker_name);
+}
+
+TEST_F(Pool_Handler, DeactivateWaitsForRunningCallsAndDropsQueuedOnes)
+{
+  auto channel = hold_workers(1, 8);
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  Counter dropped;
+  ASSERT_EQ(0, handler.handle_object(weak, JSON_RPC_Object_Ptr(new Counted_Request(2, dropped))));
+  ASSERT_EQ(0, handler.handle_object(weak, JSON_RPC_Object_Ptr(new Counted_Request(3, dropped))));
+
+  Thread_Pool_Helper* pool = JSON_RPC_Thread_Pool_Handler::thread_pool_.get();
+  std::thread stopper([] { EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::deactivate()); });
+  ASSERT_TRUE(wait_until_deactivated(pool));
+  gate.open();
+  stopper.join();
+
+  // The running call finished before deactivate returned; the queued ones
+  // never ran and their messages are gone.
+  EXPECT_EQ(1, handler.finished.value());
+  EXPECT_EQ(1u, fake(channel).count());
+  EXPECT_EQ(1, handler.started.value());
+  EXPECT_EQ(2, dropped.value());
+  EXPECT_FALSE(JSON_RPC_Thread_Pool_Handler::thread_pool_);
+
+  Log_Capture log;
+  EXPECT_EQ(-1, handler.handle_object(weak, request(4)));
+  EXPECT_TRUE(log.contains("thread_pool_.get() is NULL"));
+}
+
+TEST_F(Pool_Handler, SecondActivateStopsTheOldWorkersBeforeTheNewOnesStart)
+{
+  size_t new_workers_then = SIZE_MAX;
+  handler.on_release = [&] {
+    if (new_workers_then == SIZE_MAX)
+      new_workers_then = JSON_RPC_Thread_Pool_Handler::thread_pool_->thr_count();
+  };
+  auto channel = hold_workers(1, 8);
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  ASSERT_EQ(0, handler.handle_object(weak, request(2)));
+
+  Thread_Pool_Helper* old_pool = JSON_RPC_Thread_Pool_Handler::thread_pool_.get();
+  std::thread replacer([] { EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 2, 8, 4)); });
+  ASSERT_TRUE(wait_until_deactivated(old_pool));
+  gate.open();
+  replacer.join();
+
+  EXPECT_EQ(0u, new_workers_then) << "new workers ran beside the old ones";
+  EXPECT_EQ(1, handler.started.value()) << "the call queued in the old pool ran";
+  ASSERT_TRUE(JSON_RPC_Thread_Pool_Handler::thread_pool_);
+  EXPECT_EQ(2u, JSON_RPC_Thread_Pool_Handler::thread_pool_->thr_count());
+  ASSERT_EQ(0, handler.handle_object(weak, request(3)));
+  EXPECT_TRUE(fake(channel).wait_for(2));
+}
+
+TEST_F(Pool_Handler, CallWhosePeerLeftWhileQueuedGetsANullChannel)
+{
+  auto staying = hold_workers(1, 8);
+  {
+    auto leaving = make_channel();
+    ASSERT_EQ(0, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(leaving), request(2)));
+  }
+  gate.open();
+  ASSERT_TRUE(handler.finished.wait_for(2));
+  std::lock_guard<std::mutex> lock(handler.mutex);
+  EXPECT_FALSE(handler.null_channel[1]);
+  EXPECT_TRUE(handler.null_channel[2]);
+  EXPECT_EQ(1u, fake(staying).count());
+}
+
+TEST_F(Pool_Handler, EachKindOfMessageReachesItsCallback)
+{
+  auto channel = make_channel();
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  JSON_RPC_Response* response = new JSON_RPC_Response(nullptr);
+  response->id = 1;
+  JSON_RPC_Response_Error* error = new JSON_RPC_Response_Error;
+  error->id = 2;
+  EXPECT_EQ(0, handler.handle_object_i(weak, JSON_RPC_Object_Ptr(response)));
+  EXPECT_EQ(0, handler.handle_object_i(weak, JSON_RPC_Object_Ptr(error)));
+  EXPECT_EQ(0, handler.handle_object_i(weak, request(3, JSON_RPC_Object::TYPE_NOTIFICATION)));
+  EXPECT_EQ(1, handler.responses.value());
+  EXPECT_EQ(1, handler.errors.value());
+  EXPECT_EQ(1, handler.notified.value());
+  EXPECT_EQ(0, handler.started.value());
+
+  // The base callbacks accept and do nothing.
+  JSON_RPC_Thread_Pool_Handler_Impl plain;
+  EXPECT_EQ(0, plain.handle_object_i(weak, JSON_RPC_Object_Ptr(new JSON_RPC_Response(nullptr))));
+  EXPECT_EQ(0, plain.handle_object_i(weak, request(4)));
+  EXPECT_EQ(0u, fake(channel).count());
+}
+
+TEST_F(Pool_Handler, AnUnknownTypeOrAMismatchedClassIsRefusedWithALine)
+{
+  auto channel = make_channel();
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  JSON_RPC_Object_Ptr odd = request(5);
+  odd->type = static_cast<JSON_RPC_Object::Type>(7);
+  Log_Capture log;
+  EXPECT_EQ(-1, handler.handle_object_i(weak, odd));
+  EXPECT_EQ(std::vector<std::string>{"An unknown type(7) of JSON-RPC object(id: 5) is receivced.\n"}, log.lines());
+
+  // A request object that claims to be a response.
+  log.clear();
+  JSON_RPC_Object_Ptr liar = request(6);
+  liar->type = JSON_RPC_Object::TYPE_RESPONSE;
+  EXPECT_EQ(-1, handler.handle_object_i(weak, liar));
+  EXPECT_TRUE(log.contains("p is NULL:\n"));
+  EXPECT_EQ(0, handler.responses.value());
+}
+
+TEST_F(Pool_Handler, EveryCallFromManyThreadsIsAnsweredOnce)
+{
+  ASSERT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 3, 64, 32));
+  auto channel = make_channel();
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  const int producers = 4, per_producer = 1500;
+  std::atomic<int> refused(0);
+  Log_Capture log;
+  std::vector<std::thread> threads;
+  for (int p = 0; p < producers; ++p)
+    threads.emplace_back([&, p] {
+      Log_Capture::Attach attach(log);
+      for (int i = 0; i < per_producer; ++i)
+      {
+        JSON_RPC_Object_Ptr call = request(p * per_producer + i);
+        // A refusal is an overload; offer the call again, as a peer would.
+        while (handler.handle_object(weak, call) == -1)
+        {
+          ++refused;
+          std::this_thread::yield();
+        }
+      }
+    });
+  for (std::thread& t : threads)
+    t.join();
+  // Each refusal was told, and nothing else went wrong.
+  EXPECT_EQ(static_cast<size_t>(refused.load()), log.count("Failed to schedule task, errno=11, "));
+  EXPECT_EQ(static_cast<size_t>(refused.load()), log.lines().size());
+  ASSERT_TRUE(fake(channel).wait_for(producers * per_producer));
+
+  // Calls that come one by one, after the workers have gone idle.
+  for (int i = 0; i < 20; ++i)
+  {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_EQ(0, handler.handle_object(weak, request(producers * per_producer + i)));
+    ASSERT_TRUE(fake(channel).wait_for(producers * per_producer + i + 1));
+  }
+  std::map<int, int> answers;
+  for (const JSON_RPC_Object_Ptr& o : fake(channel).sent())
+    ++answers[o->id.get_int()];
+  EXPECT_EQ(static_cast<size_t>(producers * per_producer + 20), answers.size());
+  for (const auto& a : answers)
+    ASSERT_EQ(1, a.second) << "id " << a.first;
+}
+
+TEST(Pool_Helper, NoWorkerMeansNoQueueing)
+{
+  ACE_Time_Value zero;
+  Thread_Pool_Helper pool(1, nullptr, 0, 0, &zero);
+  EXPECT_TRUE(pool.name.empty());
+  Log_Capture log;
+  bool ran = false;
+  EXPECT_EQ(-1, pool.schedule([&] { ran = true; }, false));
+  EXPECT_EQ(std::vector<std::string>{"No active worker thread!\n"}, log.lines());
+  EXPECT_FALSE(ran);
+}
+
+TEST(Pool_Helper, StopRunsWhatIsQueuedInOrderOrDropsIt)
+{
+  for (bool discard : {false, true})
+  {
+    ACE_Time_Value zero;
+    Thread_Pool_Helper pool(1, "helper", 0, 0, &zero);
+    ASSERT_EQ(0, pool.start());
+    Gate gate;
+    Counter started;
+    std::mutex mutex;
+    std::vector<char> ran;
+    auto task = [&](char name) {
+      return [&, name] {
+        std::lock_guard<std::mutex> lock(mutex);
+        ran.push_back(name);
+      };
+    };
+    ASSERT_GE(pool.schedule(
+                [&] {
+                  started.add();
+                  gate.wait();
+                },
+                false),
+              1);
+    ASSERT_TRUE(started.wait_for(1));
+    ASSERT_GE(pool.schedule(task('B'), false), 1);
+    ASSERT_GE(pool.schedule(task('C'), true), 1);
+    ASSERT_GE(pool.schedule(task('D'), false), 1);
+    std::thread stopper([&] { EXPECT_EQ(0, pool.stop(discard)); });
+    if (discard)
+    {
+      // B, C and D are dropped before the stop marker goes in.
+      for (int i = 0; i < 20000000 && pool.msg_queue()->message_count() > 1; ++i)
+        std::this_thread::yield();
+    }
+    gate.open();
+    stopper.join();
+    EXPECT_EQ(0u, pool.thr_count());
+    EXPECT_TRUE(pool.msg_queue()->is_empty());
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(discard ? std::vector<char>{} : (std::vector<char>{'C', 'B', 'D'}), ran) << "discard " << discard;
+  }
+}
+
+TEST(Pool_Helper, AbsurdSizesAreRefusedOrCapped)
+{
+  ACE_Time_Value zero;
+  Thread_Pool_Helper pool(static_cast<size_t>(INT_MAX) + 1, "big", 0, 0, &zero);
+  errno = 0;
+  EXPECT_EQ(-1, pool.start());
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(0u, pool.thr_count());
+
+  // A mark too large for the queue's byte count is no limit, not a small one.
+  ASSERT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, SIZE_MAX / 16, 1));
+  EXPECT_EQ(SIZE_MAX, JSON_RPC_Thread_Pool_Handler::thread_pool_->msg_queue()->high_water_mark());
+  JSON_RPC_Thread_Pool_Handler::deactivate();
+}
+
+namespace
+{
+  class Probe_Thread : public JSON_RPC_Thread_Handler
+  {
+  public:
+    int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        name = thread_name();
+      }
+      started.add();
+      gate.wait();
+      answer(channel.get(), static_cast<JSON_RPC_Request&>(*object));
+      finished.add();
+      // Nothing looks at this.
+      return -1;
+    }
+
+    Gate gate;
+    Counter started, finished;
+    std::mutex mutex;
+    std::string name;
+  };
+}
+
+TEST(Thread_Handler, APeerThatIsGoneGetsNoThread)
+{
+  Probe_Thread handler;
+  JSON_RPC_Channel_Weak_Ptr weak;
+  {
+    auto channel = make_channel();
+    weak = channel;
+  }
+  Log_Capture log;
+  EXPECT_EQ(-1, handler.handle_object(weak, request(1)));
+  EXPECT_EQ(std::vector<std::string>{"Abort handling JRON-RPC request, requester has gone.\n"}, log.lines());
+  EXPECT_EQ(0, handler.started.value());
+}
+
+TEST(Thread_Handler, ReturnsAtOnceAndKeepsTheChannelForTheWholeCall)
+{
+  Probe_Thread handler;
+  std::mutex mutex;
+  std::condition_variable gone;
+  bool destroyed = false;
+  size_t sent_before_death = 0;
+  JSON_RPC_Channel_Strong_Ptr channel(new Watched_Channel([&](size_t sent) {
+    std::lock_guard<std::mutex> lock(mutex);
+    destroyed = true;
+    sent_before_death = sent;
+    gone.notify_all();
+  }));
+
+  // The call is held at the gate, so 0 here means it did not wait for it.
+  ASSERT_EQ(0, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(channel), request(1)));
+  ASSERT_TRUE(handler.started.wait_for(1));
+  channel = JSON_RPC_Channel_Strong_Ptr();
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_FALSE(destroyed) << "the channel died under a running call";
+  }
+  handler.gate.open();
+  std::unique_lock<std::mutex> lock(mutex);
+  ASSERT_TRUE(gone.wait_for(lock, std::chrono::seconds(20), [&] { return destroyed; }));
+  EXPECT_EQ(1u, sent_before_death);
+  EXPECT_EQ(1, handler.finished.value());
+  {
+    std::lock_guard<std::mutex> name_lock(handler.mutex);
+    EXPECT_EQ("JSONRPCSolo", handler.name);
+  }
+  lock.unlock();
+  // Nobody joins the call's thread; ACE still knows it until it has ended,
+  // and the process should not end under it.
+  ACE_Thread_Manager::instance()->wait();
+}

@@ -1,0 +1,214 @@
+// The service object: its options, the pool it starts, the order of its
+// stop, and its loading by ACE's own service configurator.
+#include "log_capture.h"
+#include "service_support.h"
+#include "test_state.h"
+
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_thread_pool_handler.h"
+#include "tessel/thread_helper.h"
+
+#include <ace/Service_Repository.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+namespace
+{
+  const std::string dll = TEST_HANDLERS_DLL;
+
+  Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
+}
+
+TEST(Service_Options, WithoutOptionsTheSingletonsComeUpAndNoPoolRuns)
+{
+  Log_Capture log;
+  JSON_RPC_Service service;
+  EXPECT_EQ(0, service.init(0, nullptr));
+  EXPECT_EQ(nullptr, pool());
+  EXPECT_EQ(0u, service.thread_number);
+  EXPECT_EQ(1024u, service.queue_hwm);
+  EXPECT_EQ(512u, service.queue_lwm);
+  EXPECT_TRUE(log.empty()) << log.text();
+  // Requests are routed: an unknown method gets its error.
+  EXPECT_EQ("error -32601", call("nothing"));
+  EXPECT_EQ(0, service.fini());
+}
+
+TEST(Service_Options, ThreadNumberStartsThePoolAndTellsItsFigures)
+{
+  Log_Capture log;
+  {
+    Service_Run run("-n 4");
+    EXPECT_EQ(0, run.result);
+    ASSERT_NE(nullptr, pool());
+    EXPECT_EQ(4u, pool()->thr_count());
+    EXPECT_EQ("JSONRPC", pool()->name);
+    EXPECT_EQ(1024u * 32, pool()->msg_queue()->high_water_mark());
+    EXPECT_EQ(512u * 32, pool()->msg_queue()->low_water_mark());
+    EXPECT_EQ(std::vector<std::string>{"JSON-RPC thread pool(number: 4, low/high water mark: 512/1024) is activated.\n"},
+              log.lines());
+    EXPECT_EQ(1u, log.count_priority(LM_INFO));
+  }
+  EXPECT_EQ(nullptr, pool());
+}
+
+TEST(Service_Options, WaterMarksApplyWhateverTheirPlaceOrForm)
+{
+  for (const char* line : {"-n 1 -h 100 -l 50", "-l 50 -h 100 -n 1",
+                           "--jsonrpc-thread-queue-lwm=50 --jsonrpc-thread-queue-hwm 100 --jsonrpc-thread-number=1"})
+  {
+    Service_Run run(line);
+    ASSERT_EQ(0, run.result) << line;
+    ASSERT_NE(nullptr, pool()) << line;
+    EXPECT_EQ(1u, pool()->thr_count()) << line;
+    EXPECT_EQ(100u * 32, pool()->msg_queue()->high_water_mark()) << line;
+    EXPECT_EQ(50u * 32, pool()->msg_queue()->low_water_mark()) << line;
+  }
+}
+
+TEST(Service_Options, NumbersAreReadByTheServiceRule)
+{
+  // -h alone starts no pool, so it shows the conversion by itself.
+  const std::pair<const char*, uint64_t> cases[] = {
+    {"-h 12abc", 12},
+    {"-h +7", 7},
+    {"-h 0", 0},
+    {"-h 007", 7},
+    {"-h 18446744073709551615", UINT64_MAX},
+    {"-h -1", 0},
+    {"-h x", 0},
+    {"-h \" 5\"", 0},
+    {"-h +", 0},
+    {"-h \"\"", 0},
+    {"-h 18446744073709551616", UINT64_MAX},
+    {"-h 99999999999999999999999", UINT64_MAX},
+  };
+  for (const auto& c : cases)
+  {
+    Log_Capture log;
+    Service_Run run(c.first);
+    EXPECT_EQ(0, run.result) << c.first;
+    EXPECT_EQ(c.second, run.service.queue_hwm) << c.first;
+    EXPECT_EQ(nullptr, pool()) << c.first;
+  }
+}
+
+TEST(Service_Options, ABadNumberIsToldAndTheRestServes)
+{
+  std::string options[] = {"-n x", "-n -1", "-n \"\""};
+  for (const std::string& bad : options)
+  {
+    Temp_Dir dir;
+    std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok", dll) + "]");
+    Log_Capture log;
+    Service_Run run(bad + " -j " + file);
+    EXPECT_EQ(0, run.result) << bad;
+    EXPECT_EQ(0u, run.service.thread_number) << bad;
+    EXPECT_EQ(nullptr, pool()) << bad;
+    EXPECT_EQ(1u, log.count("Bad number '")) << bad << ": " << log.text();
+    EXPECT_EQ(1u, log.count_priority(LM_WARNING)) << bad << ": " << log.text();
+    EXPECT_EQ(0u, log.count_priority(LM_ERROR)) << bad << ": " << log.text();
+    EXPECT_EQ("\"ok\"", call("echo")) << bad;
+  }
+  Log_Capture log;
+  Service_Run run("-h x");
+  EXPECT_EQ(std::vector<std::string>{"Bad number 'x' for JSON_RPC_Service option -h, 0 is used.\n"}, log.lines());
+}
+
+TEST(Service_Options, UnknownOptionsAndMissingArgumentsAreToldAndSkipped)
+{
+  Log_Capture log;
+  Service_Run run("-x -n 1 --nothing=1 -j");
+  EXPECT_EQ(0, run.result);
+  ASSERT_NE(nullptr, pool());
+  EXPECT_EQ(1u, pool()->thr_count());
+  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option x\n")) << log.text();
+  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option nothing\n")) << log.text();
+  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option j\n")) << log.text();
+  EXPECT_EQ(3u, log.count_priority(LM_ERROR)) << log.text();
+}
+
+TEST(Service_Options, FilesAreReadInTheOrderOfTheLine)
+{
+  Temp_Dir dir;
+  std::string a = dir.write("a.json", "[" + record("echo", "make_tagged", "from-a", dll) + "]");
+  std::string b = dir.write("b.json", "[" + record("echo", "make_tagged", "from-b", dll) + "," +
+                                        record("only.b", "make_tagged", "b", dll) + "]");
+  Log_Capture log;
+  Service_Run run("-j " + a + " --jsonrpc " + b);
+  EXPECT_EQ("\"from-a\"", call("echo"));
+  EXPECT_EQ("\"b\"", call("only.b"));
+  EXPECT_EQ(1u, log.count("params='from-b')\n"));
+}
+
+TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)
+{
+  Temp_Dir dir;
+  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok", dll) + "]");
+  {
+    Log_Capture log;
+    Service_Run run("-n 2 -l 0 -j " + file);
+    EXPECT_EQ(-1, run.result);
+    EXPECT_EQ(1u, log.count("Failed to activate JSON-RPC thread pool(number: 2, low/high water mark: 0/1024).\n"))
+      << log.text();
+    EXPECT_EQ(nullptr, pool());
+    EXPECT_EQ("\"ok\"", call("echo"));
+  }
+  Log_Capture log;
+  Service_Run run("-n 99999999999999999999");
+  EXPECT_EQ(-1, run.result);
+  EXPECT_EQ(1u, log.count("Failed to activate JSON-RPC thread pool(number: 18446744073709551615, low/high water "
+                          "mark: 512/1024).\n"))
+    << log.text();
+}
+
+namespace
+{
+  // Notes, as it is destroyed, whether the pool was still there.
+  class Stop_Witness : public JSON_RPC_Handler
+  {
+  public:
+    explicit Stop_Witness(int& pool_gone) : pool_gone_(pool_gone) {}
+    ~Stop_Witness() override { pool_gone_ = JSON_RPC_Thread_Pool_Handler::thread_pool_ ? 0 : 1; }
+    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return 0; }
+
+  private:
+    int& pool_gone_;
+  };
+}
+
+TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
+{
+  int pool_gone = -1;
+  {
+    Service_Run run("-n 2");
+    ASSERT_NE(nullptr, pool());
+    ASSERT_EQ(0, JSON_RPC_Request_Map::instance()->insert("witness", "", new Stop_Witness(pool_gone), nullptr));
+  }
+  EXPECT_EQ(1, pool_gone);
+}
+
+TEST(Service_Configurator, LoadsTheServiceFromADirectiveAndRemovesIt)
+{
+  open_configurator();
+  Temp_Dir dir;
+  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "via-ace", dll) + "]");
+  std::string directive = "dynamic JSON_RPC_Service Service_Object * " + std::string(JSON_RPC_LIBRARY) +
+                          ":_make_JSON_RPC_Service() \"-j " + file + " -n 2\"";
+  Log_Capture log;
+  ASSERT_EQ(0, ACE_Service_Config::process_directive(directive.c_str())) << log.text();
+  const ACE_Service_Type* type = nullptr;
+  EXPECT_EQ(0, ACE_Service_Repository::instance()->find("JSON_RPC_Service", &type));
+  EXPECT_EQ("\"via-ace\"", call("echo"));
+  ASSERT_NE(nullptr, pool());
+  EXPECT_EQ(2u, pool()->thr_count());
+  EXPECT_TRUE(log.contains("JSON-RPC thread pool(number: 2, low/high water mark: 512/1024) is activated.\n"));
+
+  EXPECT_EQ(0, ACE_Service_Config::remove("JSON_RPC_Service"));
+  EXPECT_EQ(nullptr, pool());
+  EXPECT_EQ(-1, ACE_Service_Repository::instance()->find("JSON_RPC_Service", &type));
+  // The handler tables went with the service; asking again makes empty ones.
+  EXPECT_EQ(nullptr, JSON_RPC_Request_Map::instance()->find("echo"));
+  JSON_RPC_Request_Map::close_instance();
+}

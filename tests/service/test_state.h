@@ -1,0 +1,39 @@
+#ifndef TESTS_SERVICE_TEST_STATE_H
+#define TESTS_SERVICE_TEST_STATE_H
+
+// What the test handler library reports back to the tests. It lives in a
+// library of its own that the tests link, so that it outlives the handler
+// library, which the service loads and unloads.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct Test_State
+{
+  struct Init
+  {
+    std::string tag;
+    int argc;
+    bool argv_null;
+    std::vector<std::string> argv;
+  };
+
+  std::vector<Init> inits() const;
+  int destroyed() const;
+  int deleted() const;
+  void record_init(const std::string& tag, int argc, char** argv);
+  void record_destroy();
+  void record_delete();
+  void reset();
+
+private:
+  mutable std::mutex mutex_;
+  std::vector<Init> inits_;
+  int destroyed_ = 0;
+  int deleted_ = 0;
+};
+
+__attribute__((visibility("default"))) Test_State& test_state();
+
+#endif
