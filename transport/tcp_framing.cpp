@@ -54,7 +54,10 @@ TCP_Frame_Reader::TCP_Frame_Reader(const TCP_Options& options, JSON_RPC_Channel_
     max_message_size_(options.max_message_size), channel_(channel), state_(STATE_IDLE), header_bytes_(0),
     has_length_(false), length_(0), body_bytes_(0)
 {
-  reader_.mode(options.forward_responses ? JSON_RPC_Reader::MODE_FORWARD_RESPONSE : JSON_RPC_Reader::MODE_ASSEMBLE);
+  // Params filters see the params of the methods they were loaded for as
+  // they stream in; other methods are read as usual.
+  reader_.mode((options.forward_responses ? JSON_RPC_Reader::MODE_FORWARD_RESPONSE : JSON_RPC_Reader::MODE_ASSEMBLE) |
+               JSON_RPC_Reader::MODE_FILTER_REQUEST);
 }
 
 TCP_Frame_Reader::~TCP_Frame_Reader() {}

@@ -1,0 +1,122 @@
+#ifndef PROGRAMS_PROGRAM_UTIL_H
+#define PROGRAMS_PROGRAM_UTIL_H
+
+// What jsonrpc-host and jsonrpc-call share: reading an address and a
+// framing, waiting for SIGINT or SIGTERM (or another wake-up), and writing a
+// message as one line of JSON.
+
+#include "json_rpc/json_rpc_generator.h"
+#include "transport/tcp_options.h"
+#include "tessel/yajl_gen.h"
+
+#include <ace/INET_Addr.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <string>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace program
+{
+  /// HOST:PORT, or [IPV6]:PORT.
+  inline bool parse_address(const char* text, ACE_INET_Addr& addr)
+  {
+    std::string s(text ? text : "");
+    size_t colon = s.rfind(':');
+    if (colon == std::string::npos || colon + 1 == s.size())
+      return false;
+    std::string host = s.substr(0, colon), port = s.substr(colon + 1);
+    if (host.size() > 1 && host.front() == '[' && host.back() == ']')
+      host = host.substr(1, host.size() - 2);
+    char* end = nullptr;
+    long number = std::strtol(port.c_str(), &end, 10);
+    if (host.empty() || *end || number < 0 || number > 65535)
+      return false;
+    return addr.set(static_cast<unsigned short>(number), host.c_str()) == 0;
+  }
+
+  inline bool parse_framing(const char* text, TCP_Options::Framing& framing)
+  {
+    if (text && !std::strcmp(text, "content-length"))
+      framing = TCP_Options::FRAMING_CONTENT_LENGTH;
+    else if (text && !std::strcmp(text, "ndjson"))
+      framing = TCP_Options::FRAMING_NDJSON;
+    else
+      return false;
+    return true;
+  }
+
+  /// The message as compact JSON text.
+  inline std::string to_json(const JSON_RPC_Object& object)
+  {
+    std::string text;
+    YAJL_String_Printer printer(&text);
+    JSON_RPC_Writer().write(object, printer);
+    return text;
+  }
+
+  /// SIGINT and SIGTERM as a descriptor to wait on, and a pipe that any
+  /// thread can use to wake the waiter. Make it before any thread starts:
+  /// the signals are blocked in the threads that inherit the mask.
+  class Waiter
+  {
+  public:
+    Waiter() : signals_(-1)
+    {
+      sigset_t stop;
+      sigemptyset(&stop);
+      sigaddset(&stop, SIGINT);
+      sigaddset(&stop, SIGTERM);
+      pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+      signals_ = signalfd(-1, &stop, SFD_CLOEXEC);
+      if (pipe(wake_) != 0)
+        wake_[0] = wake_[1] = -1;
+    }
+    ~Waiter()
+    {
+      for (int fd : {signals_, wake_[0], wake_[1]})
+        if (fd >= 0)
+          close(fd);
+    }
+    bool ok() const { return signals_ >= 0 && wake_[0] >= 0; }
+
+    /// From any thread, also from a signal-free context such as a callback.
+    void wake(char why)
+    {
+      ssize_t ignored = write(wake_[1], &why, 1);
+      (void)ignored;
+    }
+
+    /// The signal number that came, or the character given to wake().
+    int wait()
+    {
+      struct pollfd fds[2] = {{signals_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+      for (;;)
+      {
+        if (poll(fds, 2, -1) < 0)
+          continue;
+        if (fds[0].revents)
+        {
+          struct signalfd_siginfo info;
+          if (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+            return static_cast<int>(info.ssi_signo);
+        }
+        if (fds[1].revents)
+        {
+          char why = 0;
+          if (read(wake_[0], &why, 1) == 1)
+            return why;
+        }
+      }
+    }
+
+  private:
+    int signals_;
+    int wake_[2];
+  };
+}
+
+#endif

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# jsonrpc-host serving examples/svc.conf as it stands, from a directory laid
+# out like the repository root after the build, and jsonrpc-call against it:
+# each kind of handler, errors, both framings, a notification fan-out, a
+# refused call under pool overload, and a clean stop.
+#
+# Usage: host_test.sh HOST CALL LIB_DIR EXAMPLES_DIR WORK_DIR
+set -u
+host=$1 call=$2 lib=$3 examples=$4 work=$5
+rm -rf "$work" && mkdir -p "$work/build" && ln -s "$lib" "$work/build/lib" && ln -s "$examples" "$work/examples"
+cd "$work" || exit 1
+
+pids=()
+fail() {
+  echo "FAIL: $*"
+  for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null; done
+  exit 1
+}
+
+# start_host NAME ARGS...: runs a host, sets PORT once it listens.
+start_host() {
+  local name=$1; shift
+  "$host" --listen 127.0.0.1:0 "$@" > "$name.out" 2> "$name.err" &
+  pids+=($!)
+  for _ in $(seq 1 100); do
+    PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$name.out")
+    [ -n "$PORT" ] && return 0
+    sleep 0.1
+  done
+  fail "$name did not listen: $(cat "$name.err")"
+}
+
+# expect STATUS PATTERN ARGS...: one call, its exit status and its output.
+expect() {
+  local status=$1 pattern=$2; shift 2
+  local out rc
+  out=$("$call" "$@" 2>&1); rc=$?
+  [ "$rc" -eq "$status" ] || fail "jsonrpc-call $* exited $rc, not $status: $out"
+  grep -qF -- "$pattern" <<< "$out" || fail "jsonrpc-call $* printed '$out', without '$pattern'"
+}
+
+start_host main --svc-conf examples/svc.conf
+main_pid=${pids[-1]}
+addr=127.0.0.1:$PORT
+
+expect 0 '"result":[1,"a",{"b":null}]' "$addr" echo '[1,"a",{"b":null}]'
+expect 1 '"code":-32601' "$addr" no.such.method
+expect 2 'not one JSON document' "$addr" echo '[1,'
+expect 0 '"result":6.5' "$addr" pool.sum '[1,2,3.5]'
+expect 1 '"data":"element 1 is not a number"' "$addr" pool.sum '[1,"2"]'
+expect 0 '"result":10' "$addr" slow.sleep 10
+expect 0 '"result":200010000' "$addr" sum.stream "[$(seq -s, 1 20000)]"
+expect 1 '"data":"element 1 is not a number"' "$addr" sum.stream '[1,[2],3]'
+expect 0 '' --notify "$addr" echo '"nobody answers this"'
+
+# Fan-out: two subscribers get one notification each.
+for s in 1 2; do
+  "$call" --count 1 "$addr" --subscribe news sport > "sub$s.out" 2> "sub$s.err" &
+  sub[$s]=$!
+done
+for s in 1 2; do
+  for _ in $(seq 1 100); do grep -q '"result"' "sub$s.err" && break; sleep 0.1; done
+  grep -q '"result":\["news","sport"\]' "sub$s.err" || fail "subscriber $s: $(cat "sub$s.err")"
+done
+expect 0 '' --notify "$addr" weather '"not subscribed"'
+expect 0 '' --notify "$addr" news '{"headline":"fan-out"}'
+for s in 1 2; do
+  wait "${sub[$s]}" || fail "subscriber $s exited $?"
+  [ "$(cat "sub$s.out")" = '{"jsonrpc":"2.0","method":"news","params":{"headline":"fan-out"}}' ] ||
+    fail "subscriber $s printed: $(cat "sub$s.out")"
+done
+
+# NDJSON framing, on a host of its own.
+start_host ndjson --svc-conf examples/svc.conf --framing ndjson
+expect 0 '"result":"lines"' --framing ndjson "127.0.0.1:$PORT" echo '"lines"'
+# The transport hands params to the filter as they stream in: a number
+# that no value can hold, which the reader would refuse in a tree, is the
+# filter's to judge.
+exec 3<> "/dev/tcp/127.0.0.1/$PORT" || fail "no raw connection"
+printf '{"jsonrpc":"2.0","id":1,"method":"sum.stream","params":[1,1e400]}\n' >&3
+read -r -t 10 answer <&3
+exec 3>&-
+[ "$answer" = '{"jsonrpc":"2.0","id":1,"error":{"code":-32602,"message":"Invalid params","data":"element 1 is not a number"}}' ] ||
+  fail "filtered params: $answer"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the NDJSON host did not stop cleanly"
+
+# Overload: one worker and room for two waiting calls. With the worker held
+# by a long call, of three more calls one is refused at once (no answer: its
+# caller's time limit ends it), while the host goes on reading.
+sed 's/-n 4 -h 16 -l 8/-n 1 -h 2 -l 1/' examples/svc.conf > small-pool.conf
+start_host small --svc-conf small-pool.conf
+"$call" --timeout 20 "127.0.0.1:$PORT" pool.sleep 3000 > long.out 2>&1 &
+long=$!
+sleep 0.5
+callers=()
+for i in 1 2 3; do
+  ("$call" --timeout 6 "127.0.0.1:$PORT" pool.sleep 10 > "short$i.out" 2>&1; echo $? > "short$i.rc") &
+  callers+=($!)
+done
+sleep 0.5
+expect 0 '"result":"still reading"' "127.0.0.1:$PORT" echo '"still reading"'
+wait "${callers[@]}"
+wait "$long" || fail "the long call: $(cat long.out)"
+refused=$(grep -lx 3 short*.rc | wc -l)
+answered=$(grep -lx 0 short*.rc | wc -l)
+lines=$(grep -c '^Failed to schedule task, errno=11, ' small.err)
+[ "$refused" -eq 1 ] && [ "$answered" -eq 2 ] && [ "$lines" -eq 1 ] ||
+  fail "overload: $answered answered, $refused refused, $lines refusal lines"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the small host did not stop cleanly"
+
+# Clean stop of the main host.
+kill -TERM "$main_pid"
+wait "$main_pid" || fail "the host exited $? on SIGTERM: $(cat main.err)"
+grep -q '^Stopped\.$' main.err || fail "no stop line: $(cat main.err)"
+if grep -E 'Unexpected error|handelr|Unable to' main.err; then fail "the host logged faults"; fi
+echo "jsonrpc-host: $(( ${#pids[@]} )) hosts, all checks passed"
