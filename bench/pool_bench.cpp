@@ -258,6 +258,8 @@ namespace
   class Summary_Reporter : public benchmark::ConsoleReporter
   {
   public:
+    Summary_Reporter() : ConsoleReporter(OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override
     {
       ConsoleReporter::ReportRuns(runs);

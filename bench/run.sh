@@ -6,10 +6,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build-bench}
 
-cmake -S "$root" -B "$build" -DJSON_RPC_BUILD_BENCH=ON -DJSON_RPC_BUILD_TESTS=OFF >/dev/null
+cmake -S "$root" -B "$build" -DJSON_RPC_BUILD_BENCH=ON >/dev/null
 cmake --build "$build" -j2 --target pool_bench >/dev/null
 
 echo "== Pool handler against per-call thread and direct handlers =="
 # Three runs of each; the summary takes their medians.
-"$build/bin/pool_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
-  --benchmark_counters_tabular=true --benchmark_color=false
+"$build/bin/pool_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true

@@ -9,6 +9,7 @@
 #include <climits>
 #include <new>
 #include <pthread.h>
+#include <thread>
 
 namespace
 {
@@ -160,8 +161,13 @@ bool Thread_Pool_Helper::spin()
   for (unsigned int i = 1; !(found = queued_.load() > 0); ++i)
   {
     cpu_relax();
-    if (i % 64 == 0 && std::chrono::steady_clock::now() >= deadline)
-      break;
+    if (i % 64 == 0)
+    {
+      if (std::chrono::steady_clock::now() >= deadline)
+        break;
+      // A dispatching thread that waits for this core gets it.
+      std::this_thread::yield();
+    }
   }
   spinning_.store(0);
   return found;
