@@ -136,7 +136,9 @@ int main(int argc, char** argv)
   {
     char host[96] = {0};
     acceptor.local_addr().get_host_addr(host, sizeof host);
-    std::printf("listening on %s:%u\n", host, static_cast<unsigned>(acceptor.port()));
+    // In the form --listen and jsonrpc-call take.
+    bool v6 = acceptor.local_addr().get_type() == AF_INET6;
+    std::printf("listening on %s%s%s:%u\n", v6 ? "[" : "", host, v6 ? "]" : "", static_cast<unsigned>(acceptor.port()));
     std::fflush(stdout);
     ACE_DEBUG((LM_INFO, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
                options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
