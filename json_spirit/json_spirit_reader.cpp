@@ -3,6 +3,7 @@
 #include <ace/Log_Msg.h>
 
 #include <charconv>
+#include <locale.h>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -78,15 +79,21 @@ namespace json_spirit
       else if (r.ec != std::errc::result_out_of_range)
         return false;
     }
-    // Reals, and integers beyond 64 bits. strtod needs a terminated copy;
-    // it also settles underflow (to zero or a subnormal) where from_chars
-    // only reports the range.
-    std::string copy(text, length);
-    char* stop = nullptr;
-    errno = 0;
-    double d = std::strtod(copy.c_str(), &stop);
-    if (stop != copy.c_str() + copy.size() || !std::isfinite(d))
-      return false;
+    // Reals, and integers beyond 64 bits. from_chars ignores the process's
+    // locale; on a range error strtod_l in the C locale tells overflow
+    // (refused) from underflow (zero or a subnormal).
+    double d;
+    auto r = std::from_chars(text, end, d);
+    if (r.ec != std::errc() || r.ptr != end)
+    {
+      if (r.ec != std::errc::result_out_of_range)
+        return false;
+      static const locale_t c_locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+      std::string copy(text, length);
+      d = strtod_l(copy.c_str(), nullptr, c_locale);
+      if (!std::isfinite(d))
+        return false;
+    }
     target = Value(d);
     return true;
   }
