@@ -312,7 +312,7 @@ TEST(HTTP_Client, TLSKeepsOneConnectionAndChecksTheCertificate)
     EXPECT_STREQ("application/json", response.content_type());
   }
   EXPECT_EQ(1ul, session->connections_opened());
-  std::vector<std::string> log = nginx.access_log();
+  std::vector<std::string> log = nginx.access_log(5);
   ASSERT_EQ(5u, log.size());
   std::string connection = log[0].substr(0, log[0].find(' '));
   for (size_t i = 0; i < log.size(); ++i)

@@ -259,12 +259,20 @@ void Nginx_Peer::serve(const std::string& name, const std::string& content) cons
   out << content;
 }
 
-std::vector<std::string> Nginx_Peer::access_log() const
+std::vector<std::string> Nginx_Peer::access_log(size_t expected) const
 {
+  // nginx writes the line after the response has gone out: give it a moment.
   std::vector<std::string> lines;
-  std::ifstream in(dir_.file("access.log"));
-  std::string line;
-  while (std::getline(in, line))
-    lines.push_back(line);
+  for (int tries = 0; tries < 500; ++tries)
+  {
+    lines.clear();
+    std::ifstream in(dir_.file("access.log"));
+    std::string line;
+    while (std::getline(in, line))
+      lines.push_back(line);
+    if (lines.size() >= expected)
+      break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   return lines;
 }

@@ -76,7 +76,8 @@ public:
   /// Writes a file to serve as /name.
   void serve(const std::string& name, const std::string& content) const;
   /// Lines of the access log: "connection requests status method uri".
-  std::vector<std::string> access_log() const;
+  /// Its lines, once there are at least `expected` of them (or after 5 s).
+  std::vector<std::string> access_log(size_t expected) const;
 
 private:
   Temp_Dir dir_;
