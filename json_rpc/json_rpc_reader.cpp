@@ -68,6 +68,10 @@ void JSON_RPC_Reader::request_channel(JSON_RPC_Channel_Strong_Ptr channel) { req
 
 namespace
 {
+  // Forward ids are 32-bit: a wider integer would be cut down to another
+  // request's id by get_int().
+  bool is_forward_id(const Value& id) { return id.type() == json_spirit::int_type && !id.is_uint64(); }
+
   template <class T>
   T* allocate()
   {
@@ -363,7 +367,7 @@ int JSON_RPC_Reader::forward_request(char const*, unsigned long long)
 int JSON_RPC_Reader::forward_response(char const* value, unsigned long long length)
 {
   unsigned int seen = static_cast<unsigned int>(levels.back().seen);
-  if (!(seen & KEY_ID) || id_.type() != json_spirit::int_type)
+  if (!(seen & KEY_ID) || !is_forward_id(id_))
     return 0;
   JSON_RPC_Channel_Strong_Ptr channel(channel_);
   if (channel.null())
@@ -457,7 +461,7 @@ int JSON_RPC_Reader::filter_request(char const* value, unsigned long long length
 int JSON_RPC_Reader::filter_response(char const* value, unsigned long long length)
 {
   unsigned int seen = static_cast<unsigned int>(levels.back().seen);
-  if (!(seen & KEY_ID) || id_.type() != json_spirit::int_type)
+  if (!(seen & KEY_ID) || !is_forward_id(id_))
     return 0;
   JSON_RPC_Object* o = object_.get();
   if (!o || (o->type != JSON_RPC_Object::TYPE_RESPONSE && o->type != JSON_RPC_Object::TYPE_RESPONSE_ERROR))
