@@ -331,7 +331,10 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
   TCP_Frame_Reader::Handler deliver = [this, dispatcher](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (object.get())
-      dispatcher->dispatch(self_, object);
+    {
+      if (!options_.forward_responses || !pass_back(object))
+        dispatcher->dispatch(self_, object);
+    }
     else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
       ACE_DEBUG((LM_WARNING, "TCP %C: message with nothing to dispatch ignored.\n", peer_.c_str()));
     return !closing_;
@@ -612,6 +615,28 @@ int TCP_Channel::get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& re
   return 0;
 }
 
+bool TCP_Channel::pass_back(const JSON_RPC_Object_Ptr& object)
+{
+  const json_spirit::Value& forward_id = object->id;
+  if ((object->type != JSON_RPC_Object::TYPE_RESPONSE && object->type != JSON_RPC_Object::TYPE_RESPONSE_ERROR) ||
+      forward_id.type() != json_spirit::int_type || forward_id.is_uint64())
+    return false;
+  JSON_RPC_Channel_Weak_Ptr requester;
+  json_spirit::Value id;
+  if (get_forward_entry(forward_id.get_int(), requester, id) == -1)
+    return false;
+  JSON_RPC_Channel_Strong_Ptr to(requester);
+  if (to.null())
+  {
+    ACE_ERROR((LM_ERROR, "Abort forwarding JSON-RPC response, requester is gone.\n"));
+    return true;
+  }
+  // The reader is done with the object, and nobody else has it.
+  object->id = id;
+  to->send_object(object);
+  return true;
+}
+
 int TCP_Channel::forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object)
 {
   if (!object.get() || object->type != JSON_RPC_Object::TYPE_REQUEST)
@@ -629,7 +654,10 @@ int TCP_Channel::forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Pt
   int error = errno;
   JSON_RPC_Channel_Weak_Ptr unused_requester;
   json_spirit::Value unused_id;
-  get_forward_entry(forward_id, unused_requester, unused_id);
+  // An entry that is no longer there went with the channel's end, which
+  // answers its requester: failing here too would make two answers.
+  if (get_forward_entry(forward_id, unused_requester, unused_id) == -1)
+    return 0;
   errno = error;
   return -1;
 }

@@ -47,6 +47,15 @@ class TCP_Frame_Reader;
 /// lets its read thread deregister it, since a send may run with the
 /// registers' locks held.
 ///
+/// Forwarded responses (forward_responses on the channel they come back
+/// on) are written to the requester's connection with send_begin/send_end
+/// as they are parsed; a response the reader assembles instead (an error,
+/// or a result whose id comes after it) is passed back whole under the
+/// requester's id. To an NDJSON requester they go out in 64 KiB pieces
+/// while they arrive, in constant memory whatever their size; to a
+/// Content-Length requester the transport holds the one message until its
+/// end, as its length is not known before.
+///
 /// The transport threads take the log settings (message callback, priority
 /// mask) of the thread that started them. Create the library's singletons
 /// before the first transport starts: their first instance() call is not
@@ -105,7 +114,11 @@ public:
   int get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& requester, json_spirit::Value& id) override;
   /// Sends object, a request of requester's, under a new forward id, so
   /// that the reader streams the response back (forward_responses must be
-  /// on). 0 on success; the object itself is not changed.
+  /// on). 0 once the requester is sure to get an answer: the response, or
+  /// -32603 "Internal error, forwarder is closed." if the connection ends
+  /// first (also when it ends during this call). -1 with errno if the
+  /// request was not taken: the caller answers it. The object itself is
+  /// not changed.
   int forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object) override;
   /// Both addresses are taken when the connection is made and stay valid.
   int get_local_addr(ACE_Addr& addr) const override;
@@ -145,6 +158,10 @@ private:
     bool discard_;
   };
 
+  /// A response to a forwarded request that the reader assembled instead
+  /// of streaming it (an error, or a result ahead of its id) goes to its
+  /// requester under the requester's id; false if it answers no forward.
+  bool pass_back(const JSON_RPC_Object_Ptr& object);
   int start_i(JSON_RPC_Channel_Strong_Ptr self);
   void run(JSON_RPC_Channel_Strong_Ptr* self, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask);
   void read_loop(TCP_Frame_Reader& frames);
