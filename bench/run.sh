@@ -12,3 +12,10 @@ cmake --build "$build" -j2 --target pool_bench >/dev/null
 echo "== Pool handler against per-call thread and direct handlers =="
 # Three runs of each; the summary takes their medians.
 "$build/bin/pool_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+
+echo "== Forwarding and params filters: 256 MB with constant memory =="
+# Peak resident memory of the proxy (forward), of the host with the
+# sum.stream filter (filter) and of one without it (assembled), then the
+# forward path's speed against YAJL parsing alone (medians of three runs).
+cmake --build "$build" -j2 --target forward_bench >/dev/null
+"$build/bin/forward_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
