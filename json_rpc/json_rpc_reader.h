@@ -58,6 +58,8 @@ public:
   void mode(unsigned int mode) { mode_ = mode; }
   int state() const { return state_; }
   bool handled_indirectly() const { return handled_indirectly_; }
+  /// The id read so far; once a response is forwarded, the requester's.
+  const json_spirit::Value& id() const { return id_; }
   void channel(JSON_RPC_Channel_Weak_Ptr channel);
   JSON_RPC_Channel_Strong_Ptr request_channel() { return request_channel_; }
   void request_channel(JSON_RPC_Channel_Strong_Ptr channel);

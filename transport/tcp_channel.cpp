@@ -589,6 +589,13 @@ int TCP_Channel::send_end()
   return 0;
 }
 
+bool TCP_Channel::abandon_message()
+{
+  bool sent = streaming_ && output_.sent_some();
+  settle_stream();
+  return sent;
+}
+
 int TCP_Channel::io_state() { return io_state_; }
 
 // ---------------------------------------------------------------- forwarding

@@ -110,6 +110,12 @@ public:
   /// nowhere, and send_end then fails with IO_STATE_CLOSED.
   yajl_gen_t* send_begin() override;
   int send_end() override;
+  /// Gives up the message of send_begin, under io_mutex(), when it will
+  /// never be ended (the forwarded response broke off). True if some of it
+  /// had gone out: the connection is then closed, as its peer can't read
+  /// on past half a message. False if none had: it is forgotten, and the
+  /// caller answers the requester instead.
+  bool abandon_message();
   int put_forward_entry(JSON_RPC_Channel_Weak_Ptr requester, const json_spirit::Value& id) override;
   int get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& requester, json_spirit::Value& id) override;
   /// Sends object, a request of requester's, under a new forward id, so

@@ -1,4 +1,5 @@
 #include "transport/tcp_framing.h"
+#include "transport/tcp_channel.h"
 
 #include <cstring>
 
@@ -62,7 +63,18 @@ TCP_Frame_Reader::TCP_Frame_Reader(const TCP_Options& options, JSON_RPC_Channel_
 
 TCP_Frame_Reader::~TCP_Frame_Reader() {}
 
-void TCP_Frame_Reader::close() { reader_.close(); }
+void TCP_Frame_Reader::close()
+{
+  // A response that breaks off in the middle of its forward: its requester
+  // must not wait for the rest. The reader still holds the requester's lock.
+  JSON_RPC_Channel_Strong_Ptr requester = reader_.request_channel();
+  TCP_Channel* tcp = reader_.state() == JSON_RPC_Reader::STATE_FORWARDING ? TCP_Channel::cast(requester) : nullptr;
+  bool answer = tcp && !tcp->abandon_message();
+  json_spirit::Value id = reader_.id();
+  reader_.close();
+  if (answer)
+    requester->send_error(-32603, id, "Internal error, forwarder is closed.", json_spirit::Value::null);
+}
 
 int TCP_Frame_Reader::fail(std::string what)
 {

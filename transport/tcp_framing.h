@@ -34,7 +34,10 @@ public:
   /// When the current message began.
   std::chrono::steady_clock::time_point started() const { return started_; }
   const std::string& error() const { return error_; }
-  /// Lets go of the reader, and of any lock a forward holds.
+  /// Lets go of the reader, and of any lock a forward holds. A forwarded
+  /// response cut off here is given up on its requester's TCP connection,
+  /// which is closed if part of it went out; if none did, the requester is
+  /// answered -32603 "Internal error, forwarder is closed." instead.
   void close();
 
 private:

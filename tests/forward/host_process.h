@@ -305,7 +305,7 @@ namespace forward_test
         char chunk[65536];
         struct pollfd p = {fd_, POLLIN, 0};
         if (::poll(&p, 1, limit_ms_) <= 0)
-          return false;
+          return !(timed_out = true);
         ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
         if (n <= 0)
           return false;
@@ -331,7 +331,7 @@ namespace forward_test
         char chunk[65536];
         struct pollfd p = {fd_, POLLIN, 0};
         if (::poll(&p, 1, limit_ms_) <= 0)
-          return false;
+          return !(timed_out = true);
         ssize_t n = ::recv(fd_, chunk, std::min(sizeof chunk, bytes), 0);
         if (n <= 0)
           return false;
@@ -339,6 +339,9 @@ namespace forward_test
       }
       return true;
     }
+
+    /// Set when a read gave up at the hang bound rather than at the end.
+    bool timed_out = false;
 
   private:
     int fd_ = -1;

@@ -289,6 +289,23 @@ TEST_F(Proxy_Processes, AnUpstreamThatClosesAnswersEachPendingCallerAndIsConnect
   EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":11,\"result\":\"again\"}", line);
 }
 
+TEST_F(Proxy_Processes, AResponseThatBreaksOffUpstreamEndsTheCallersConnectionInsteadOfLeavingItWaiting)
+{
+  ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson", "ndjson"));
+  // The caller reads slowly, so the upstream is still writing when it dies.
+  Line_Client caller(proxy->port);
+  ASSERT_TRUE(caller.send(request(1, "big.result", json_spirit::Object{{"mb", 256}})));
+  ASSERT_TRUE(caller.skip(1024 * 1024));
+  upstream->stop(SIGKILL);
+  upstream.reset();
+  unsigned long long rest = 0;
+  EXPECT_FALSE(caller.stream_line([&](const char*, size_t n) { return rest += n, true; }));
+  EXPECT_FALSE(caller.timed_out) << "the caller was left waiting after " << rest << " more bytes";
+  EXPECT_LT(rest, 255ull * 1024 * 1024);
+  EXPECT_TRUE(proxy->running());
+}
+
 TEST_F(Proxy_Processes, AParamsFilterSumsA100MBArrayThatTheHostNeverHolds)
 {
   ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
