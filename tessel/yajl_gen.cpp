@@ -1,5 +1,6 @@
 #include "tessel/yajl_gen.h"
 
+#include <cstring>
 #include <ostream>
 
 YAJL_Printer::~YAJL_Printer() {}
@@ -23,6 +24,47 @@ void YAJL_String_Printer::print(char const* data, unsigned long long length)
 {
   if (out_)
     out_->append(data, length);
+}
+
+YAJL_Batch_Printer::YAJL_Batch_Printer(YAJL_Printer* target) : target_(target), used_(0) {}
+
+YAJL_Batch_Printer::~YAJL_Batch_Printer() { flush(); }
+
+void YAJL_Batch_Printer::target(YAJL_Printer* target)
+{
+  flush();
+  target_ = target;
+}
+
+void YAJL_Batch_Printer::print(char const* data, unsigned long long length)
+{
+  if (used_ + length <= sizeof buffer_)
+  {
+    std::memcpy(buffer_ + used_, data, static_cast<size_t>(length));
+    used_ += static_cast<size_t>(length);
+    return;
+  }
+  flush();
+  if (length >= sizeof buffer_)
+  {
+    if (target_)
+      target_->print(data, length);
+    return;
+  }
+  std::memcpy(buffer_, data, static_cast<size_t>(length));
+  used_ = static_cast<size_t>(length);
+}
+
+void YAJL_Batch_Printer::flush()
+{
+  if (used_ && target_)
+    target_->print(buffer_, used_);
+  used_ = 0;
+}
+
+void YAJL_Batch_Printer::print_b(void* ctx, const char* data, size_t length)
+{
+  static_cast<YAJL_Batch_Printer*>(ctx)->YAJL_Batch_Printer::print(data, length);
 }
 
 YAJL_Gen::YAJL_Gen(yajl_gen_t* gen, bool own) : gen_(gen), own_(own), status_(yajl_gen_status_ok) {}

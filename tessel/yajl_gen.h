@@ -41,6 +41,31 @@ private:
   std::string* out_;
 };
 
+/// Hands printed text on to another printer in pieces of up to 4 KiB.
+/// YAJL prints a token, or a part of one, per call; gathered here, the
+/// printer behind sees one call per piece. Nothing is held back after
+/// flush(), which the writers call when a message ends.
+class TESSEL_EXPORT YAJL_Batch_Printer : public YAJL_Printer
+{
+public:
+  explicit YAJL_Batch_Printer(YAJL_Printer* target = nullptr);
+  ~YAJL_Batch_Printer() override;
+  YAJL_Batch_Printer(const YAJL_Batch_Printer&) = delete;
+  YAJL_Batch_Printer& operator=(const YAJL_Batch_Printer&) = delete;
+
+  /// Flushes to the printer there was, then prints to target.
+  void target(YAJL_Printer* target);
+  void print(char const* data, unsigned long long length) override;
+  void flush();
+  /// The print callback to hand to YAJL with this object as its context.
+  static void print_b(void* ctx, const char* data, size_t length);
+
+private:
+  YAJL_Printer* target_;
+  size_t used_;
+  char buffer_[4096];
+};
+
 /// Streaming front of a yajl generator. The first failing status is kept in
 /// status(); later tokens are still passed on, so a caller may check once at
 /// the end.

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace
 {
@@ -201,4 +203,91 @@ TEST(YAJL_Feeder, ReportsAnErrorInGatheredTextWithThatText)
   EXPECT_EQ(yajl_status_error, feeder.feed(h, r, nullptr, 0));
   EXPECT_EQ(nullptr, feeder.data());
   yajl_free(h);
+}
+
+namespace
+{
+  // Keeps every piece it is handed, as a transport would see them.
+  struct Pieces : YAJL_Printer
+  {
+    std::vector<std::string> got;
+    void print(char const* data, unsigned long long length) override { got.emplace_back(data, length); }
+    std::string joined() const
+    {
+      std::string all;
+      for (const std::string& p : got)
+        all += p;
+      return all;
+    }
+  };
+}
+
+TEST(YAJL_Batch_Printer, GathersSmallPrintsAndKeepsTheOrderAroundLargeOnes)
+{
+  Pieces out;
+  {
+    YAJL_Batch_Printer batch(&out);
+    batch.print("ab", 2);
+    batch.print("cd", 2);
+    EXPECT_TRUE(out.got.empty());
+    batch.flush();
+    ASSERT_EQ(1u, out.got.size());
+    EXPECT_EQ("abcd", out.got[0]);
+
+    // What is held goes out before a piece too large to hold.
+    batch.print("x", 1);
+    std::string large(5000, 'L');
+    batch.print(large.data(), large.size());
+    ASSERT_EQ(3u, out.got.size());
+    EXPECT_EQ("x", out.got[1]);
+    EXPECT_EQ(large, out.got[2]);
+
+    // A piece that does not fit beside the held text starts the next batch.
+    std::string most(4000, 'm');
+    batch.print(most.data(), most.size());
+    batch.print("0123456789", 10);
+    batch.print(most.data(), most.size());
+    EXPECT_EQ(4u, out.got.size());
+    EXPECT_EQ(most + "0123456789", out.got[3]);
+    batch.print("tail", 4);
+  } // the destructor flushes
+  ASSERT_EQ(5u, out.got.size());
+  EXPECT_EQ(std::string(4000, 'm') + "tail", out.got[4]);
+}
+
+TEST(YAJL_Batch_Printer, ChangingTheTargetFlushesToTheOldOne)
+{
+  Pieces first, second;
+  YAJL_Batch_Printer batch(&first);
+  batch.print("one", 3);
+  batch.target(&second);
+  batch.print("two", 3);
+  batch.flush();
+  EXPECT_EQ("one", first.joined());
+  EXPECT_EQ("two", second.joined());
+}
+
+TEST(YAJL_Batch_Printer, CarriesAGeneratedDocumentWhole)
+{
+  // Through YAJL's print callback, as the writers use it.
+  Pieces out;
+  YAJL_Batch_Printer batch(&out);
+  yajl_gen g = yajl_gen_alloc(nullptr);
+  yajl_gen_config(g, yajl_gen_print_callback, &YAJL_Batch_Printer::print_b, &batch);
+  std::string expected = "[";
+  yajl_gen_array_open(g);
+  for (int i = 0; i < 3000; ++i)
+  {
+    std::string s = "item-" + std::to_string(i);
+    yajl_gen_string(g, reinterpret_cast<const unsigned char*>(s.data()), s.size());
+    expected += (i ? ",\"" : "\"") + s + "\"";
+  }
+  yajl_gen_array_close(g);
+  yajl_gen_free(g);
+  batch.flush();
+  expected += "]";
+  EXPECT_EQ(expected, out.joined());
+  for (const std::string& p : out.got)
+    EXPECT_LE(p.size(), 4096u);
+  EXPECT_GT(out.got.size(), 1u);
 }
