@@ -126,7 +126,11 @@ Value* JSON_Parser::slot()
     a.emplace_back();
     return &a.back();
   }
-  return &top->get_obj()[key_];
+  // Members often come in key order (our writers emit them so): the hint
+  // at the end then spares the search. A repeated key keeps its place and
+  // takes the later value.
+  json_spirit::Object& o = top->get_obj();
+  return &o.emplace_hint(o.end(), key_, Value())->second;
 }
 
 bool JSON_Parser::add(Value&& value)

@@ -36,22 +36,9 @@ namespace json_spirit
       }
     }
 
-    bool has_nested_container(const Value& v)
-    {
-      if (v.type() == array_type)
-      {
-        for (const Value& child : v.get_array())
-          if (is_container(child))
-            return true;
-      }
-      else if (v.type() == obj_type)
-      {
-        for (const auto& member : v.get_obj())
-          if (is_container(member.second))
-            return true;
-      }
-      return false;
-    }
+    // Levels freed by recursion; deeper ones (only a value built by a
+    // program can be deeper than the readers' max_depth) by a loop.
+    const unsigned recursion_limit = max_depth + 1;
   }
 
   Value::Value(const Value& other) : type_(null_type), unsigned_(false)
@@ -88,22 +75,57 @@ namespace json_spirit
       delete u_.s;
     else if (is_container(*this))
     {
-      if (has_nested_container(*this))
-      {
-        std::vector<Value> pending;
-        detach_children(*this, pending);
-        while (!pending.empty())
-        {
-          Value v(std::move(pending.back()));
-          pending.pop_back();
-          detach_children(v, pending);
-        }
-      }
-      if (type_ == obj_type)
-        delete u_.o;
-      else
-        delete u_.a;
+      // Deepest first, so that each container is deleted holding only
+      // leaves: no destructor recurses.
+      release_nested(*this, 0);
+      free_container();
     }
+    type_ = null_type;
+    unsigned_ = false;
+    u_.i = 0;
+  }
+
+  void Value::release_nested(Value& v, unsigned depth) noexcept
+  {
+    if (depth >= recursion_limit)
+    {
+      std::vector<Value> pending;
+      detach_children(v, pending);
+      while (!pending.empty())
+      {
+        Value next(std::move(pending.back()));
+        pending.pop_back();
+        detach_children(next, pending);
+        next.free_container();
+      }
+      return;
+    }
+    if (v.type_ == array_type)
+    {
+      for (Value& child : *v.u_.a)
+        if (is_container(child))
+        {
+          release_nested(child, depth + 1);
+          child.free_container();
+        }
+    }
+    else if (v.type_ == obj_type)
+    {
+      for (auto& member : *v.u_.o)
+        if (is_container(member.second))
+        {
+          release_nested(member.second, depth + 1);
+          member.second.free_container();
+        }
+    }
+  }
+
+  void Value::free_container() noexcept
+  {
+    if (type_ == obj_type)
+      delete u_.o;
+    else if (type_ == array_type)
+      delete u_.a;
     type_ = null_type;
     unsigned_ = false;
     u_.i = 0;

@@ -89,6 +89,10 @@ namespace json_spirit
   private:
     friend struct value_lesser;
     void destroy() noexcept;
+    // Frees the containers nested in v, leaving it only strings and scalars.
+    static void release_nested(Value& v, unsigned depth) noexcept;
+    // Deletes a container that holds no containers.
+    void free_container() noexcept;
     void copy_from(const Value& other);
     void move_from(Value& other) noexcept;
 

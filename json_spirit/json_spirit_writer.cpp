@@ -40,7 +40,12 @@ int yajl_gen_value(yajl_gen_t* gen, const Value& value)
       auto r = std::to_chars(buffer, buffer + sizeof buffer, value.get_uint64());
       return yajl_gen_number(gen, buffer, r.ptr - buffer);
     }
-    return yajl_gen_integer(gen, value.get_int64());
+    {
+      // yajl_gen_integer formats with sprintf.
+      char buffer[24];
+      auto r = std::to_chars(buffer, buffer + sizeof buffer, value.get_int64());
+      return yajl_gen_number(gen, buffer, r.ptr - buffer);
+    }
   case json_spirit::real_type: return gen_real(gen, value.get_real());
   case json_spirit::str_type:
   {
@@ -74,12 +79,13 @@ int yajl_gen_value(yajl_gen_t* gen, const Value& value)
 
 namespace
 {
-  yajl_gen_t* open_gen(YAJL_Printer& printer, bool pretty)
+  // YAJL prints token by token: the batch gathers the tokens into pieces.
+  yajl_gen_t* open_gen(YAJL_Batch_Printer& batch, bool pretty)
   {
     yajl_gen_t* gen = yajl_gen_alloc(nullptr);
     if (!gen)
       return nullptr;
-    yajl_gen_config(gen, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
+    yajl_gen_config(gen, yajl_gen_print_callback, &YAJL_Batch_Printer::print_b, &batch);
     if (pretty)
       yajl_gen_config(gen, yajl_gen_beautify, 1);
     return gen;
@@ -88,21 +94,25 @@ namespace
 
 bool JSON_Writer::write(const Value& value, YAJL_Printer& printer, bool pretty)
 {
-  yajl_gen_t* gen = open_gen(printer, pretty);
+  YAJL_Batch_Printer batch(&printer);
+  yajl_gen_t* gen = open_gen(batch, pretty);
   if (!gen)
     return false;
   int status = yajl_gen_value(gen, value);
   yajl_gen_free(gen);
+  batch.flush();
   return status == yajl_gen_status_ok;
 }
 
 bool JSON_Writer::write(JSON_Generator& generator, YAJL_Printer& printer, bool pretty)
 {
-  yajl_gen_t* gen = open_gen(printer, pretty);
+  YAJL_Batch_Printer batch(&printer);
+  yajl_gen_t* gen = open_gen(batch, pretty);
   if (!gen)
     return false;
   bool ok = generator.generate(gen);
   yajl_gen_free(gen);
+  batch.flush();
   return ok;
 }
 
