@@ -11,7 +11,10 @@ yajl_gen_t* JSON_RPC_Writer::open(YAJL_Printer& printer)
   close();
   gen_ = yajl_gen_alloc(nullptr);
   if (gen_)
-    yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
+  {
+    batch_.target(&printer);
+    yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Batch_Printer::print_b, &batch_);
+  }
   return gen_;
 }
 
@@ -22,6 +25,7 @@ void JSON_RPC_Writer::close()
     yajl_gen_free(gen_);
     gen_ = nullptr;
   }
+  batch_.flush();
 }
 
 namespace

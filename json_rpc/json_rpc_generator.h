@@ -17,6 +17,8 @@ public:
   JSON_RPC_Writer(const JSON_RPC_Writer&) = delete;
   JSON_RPC_Writer& operator=(const JSON_RPC_Writer&) = delete;
 
+  /// A generator printing to printer, through a 4 KiB batch that close()
+  /// flushes.
   yajl_gen_t* open(YAJL_Printer& printer);
   void close();
 
@@ -26,6 +28,7 @@ public:
 
 private:
   yajl_gen_t* gen_;
+  YAJL_Batch_Printer batch_;
 };
 
 /// A generator of one message: the map with "jsonrpc":"2.0", the rest from

@@ -30,9 +30,14 @@ namespace
     {
       bool response = object.get() && (object->type == JSON_RPC_Object::TYPE_RESPONSE ||
                                        object->type == JSON_RPC_Object::TYPE_RESPONSE_ERROR);
-      ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
-      int result = future.set(response ? object : JSON_RPC_Object_Ptr());
-      set_ = true;
+      int result;
+      {
+        ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+        result = future.set(response ? object : JSON_RPC_Object_Ptr());
+        set_ = true;
+      }
+      // Woken with the lock still held, the waiter would only sleep again
+      // on it. The caller of handle_object holds this handler meanwhile.
       ready_.broadcast();
       return response && result == 0 ? 0 : -1;
     }
