@@ -12,6 +12,8 @@
 #include <ace/OS_NS_fcntl.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstring>
 #include <climits>
 #include <cstdio>
 #include <netinet/in.h>
@@ -134,9 +136,11 @@ int TCP_Channel::Output::end()
     }
     else
     {
-      char head[48];
-      int n = std::snprintf(head, sizeof head, "Content-Length: %zu\r\n\r\n", buffer_.size());
-      struct iovec iov[2] = {{head, static_cast<size_t>(n)}, {&buffer_[0], buffer_.size()}};
+      char head[48] = "Content-Length: ";
+      char* end = std::to_chars(head + 16, head + sizeof head - 4, buffer_.size()).ptr;
+      std::memcpy(end, "\r\n\r\n", 4);
+      size_t n = static_cast<size_t>(end + 4 - head);
+      struct iovec iov[2] = {{head, n}, {&buffer_[0], buffer_.size()}};
       error_ = channel_.write_all(iov, 2);
       if (!error_)
         sent_ += n + buffer_.size();
@@ -164,8 +168,9 @@ TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
   stream_.get_remote_addr(remote_addr_);
   stream_.get_local_addr(local_addr_);
   peer_ = ACE_Addr_String(remote_addr_).c_str();
-  // Reads and writes wait in poll, with the limits of the options.
-  stream_.enable(ACE_NONBLOCK);
+  // Reads block (with SO_RCVTIMEO for the read limit); writes never do
+  // (MSG_DONTWAIT) and wait in poll for the send limit.
+  stream_.disable(ACE_NONBLOCK);
   ACE_OS::fcntl(stream_.get_handle(), F_SETFD, FD_CLOEXEC);
   // Messages go out whole; waiting for more to fill a segment only delays.
   int one = 1;
@@ -341,9 +346,12 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
   };
   std::unique_ptr<char[]> buffer(new char[read_chunk]);
   const Clock::duration limit = to_duration(options_.read_limit);
+  // Reads block in recv itself, one call per piece; the read limit rides
+  // on SO_RCVTIMEO while a message is incomplete (0: no limit in force).
+  int timeout_ms = 0;
   for (;;)
   {
-    int wait = -1;
+    int wait = 0;
     if (frames.in_message())
     {
       wait = ms_until(frames.started() + limit);
@@ -354,17 +362,18 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
         return;
       }
     }
-    struct pollfd p = {stream_.get_handle(), POLLIN, 0};
-    int r = ::poll(&p, 1, wait);
-    if (r == 0 || (r < 0 && errno == EINTR))
-      continue;
-    if (r < 0)
+    if (wait != timeout_ms)
     {
-      ACE_ERROR((LM_ERROR, "TCP %C: failed to wait for input, errno=%d, %m; closing the connection.\n",
-                 peer_.c_str(), errno));
-      return;
+      struct timeval tv = {wait / 1000, (wait % 1000) * 1000};
+      if (::setsockopt(stream_.get_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == -1)
+      {
+        ACE_ERROR((LM_ERROR, "TCP %C: failed to set the read limit, errno=%d, %m; closing the connection.\n",
+                   peer_.c_str(), errno));
+        return;
+      }
+      timeout_ms = wait;
     }
-    ssize_t n = stream_.recv(buffer.get(), read_chunk);
+    ssize_t n = ::recv(stream_.get_handle(), buffer.get(), read_chunk, 0);
     if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
       continue;
     if (n < 0 && errno != ECONNRESET)
@@ -421,7 +430,7 @@ void TCP_Channel::linger()
       continue;
     if (r <= 0)
       return;
-    ssize_t n = stream_.recv(buffer, sizeof buffer);
+    ssize_t n = ::recv(stream_.get_handle(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
       continue;
     if (n <= 0)
@@ -443,7 +452,7 @@ int TCP_Channel::write_all(struct iovec* iov, int count)
     struct msghdr msg = {};
     msg.msg_iov = iov;
     msg.msg_iovlen = count;
-    ssize_t n = ::sendmsg(handle, &msg, MSG_NOSIGNAL);
+    ssize_t n = ::sendmsg(handle, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n >= 0)
     {
       size_t done = static_cast<size_t>(n);
