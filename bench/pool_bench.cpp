@@ -7,6 +7,7 @@
 // of the way to the method alone, and with answers written as a transport
 // writes them (serialized under the channel's output lock, into memory
 // instead of a socket).
+#include "bench_support.h"
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_generator.h"
@@ -40,7 +41,7 @@ namespace
   }
 
   // Counts answers and stamps the latest; writes them first if asked to.
-  class Counting_Channel : public JSON_RPC_Channel
+  class Counting_Channel : public Memory_Channel
   {
   public:
     explicit Counting_Channel(bool write) : write_(write) {}
@@ -59,12 +60,6 @@ namespace
       answered.fetch_add(1, std::memory_order_release);
       return 0;
     }
-    int send_generator(JSON_Generator&) override { return -1; }
-    yajl_gen_t* send_begin() override { return nullptr; }
-    int send_end() override { return -1; }
-    int get_local_addr(ACE_Addr&) const override { return -1; }
-    int get_remote_addr(ACE_Addr&) const override { return -1; }
-    int io_state() override { return 0; }
 
     std::atomic<uint64_t> answered{0};
     std::atomic<int64_t> answered_at{0};
@@ -253,28 +248,10 @@ namespace
   BENCHMARK(BM_Throughput)->Apply(kinds)->UseRealTime()->MinTime(0.3);
   BENCHMARK(BM_Latency)->Apply(kinds)->UseRealTime()->MinTime(0.3);
 
-  // Keeps the figures of each run for the summary after the usual table;
-  // with repetitions, their medians.
-  class Summary_Reporter : public benchmark::ConsoleReporter
+  class Summary_Reporter : public Median_Reporter
   {
   public:
-    Summary_Reporter() : ConsoleReporter(OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-      ConsoleReporter::ReportRuns(runs);
-      for (const Run& run : runs)
-      {
-        if (run.error_occurred)
-          continue;
-        if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median")
-          continue;
-        std::string name = run.run_name.str();
-        if (run.run_type == Run::RT_Aggregate || !figures.count(name))
-          figures[name] = run.counters;
-      }
-    }
-    std::map<std::string, benchmark::UserCounters> figures;
+    Summary_Reporter() : Median_Reporter(OO_Tabular) {}
   };
 
   struct Row

@@ -19,3 +19,16 @@ echo "== Forwarding and params filters: 256 MB with constant memory =="
 # forward path's speed against YAJL parsing alone (medians of three runs).
 cmake --build "$build" -j2 --target forward_bench >/dev/null
 "$build/bin/forward_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+
+echo "== Round trips against libjson-rpc-cpp and raw floors =="
+# In process, TCP and HTTP; skipped when libjson-rpc-cpp is not installed.
+# Release, like the figures in the README; threads unpinned (rpc_bench --pin
+# puts servers on CPU 1 and clients on CPU 0); three runs of each, and the
+# table takes their medians.
+cmake -S "$root" -B "$build" -DJSON_RPC_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
+if cmake --build "$build" --target help | grep -q '^\.\.\. rpc_bench$'; then
+  cmake --build "$build" -j2 --target rpc_bench >/dev/null
+  "$build/bin/rpc_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+else
+  echo "skipped: libjson-rpc-cpp (libjsonrpccpp-dev) is not installed; scripts/setup.sh installs it"
+fi

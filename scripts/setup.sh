@@ -9,6 +9,8 @@ pkgs=(
   clang libclang-rt-14-dev llvm
   libace-ssl-dev nginx openssl
   nodejs
+  # Benchmarks only: the reference the round-trip benchmark compares with.
+  libjsonrpccpp-dev
 )
 
 missing=()
