@@ -71,7 +71,8 @@ inline long long peak_rss()
   return static_cast<long long>(usage.ru_maxrss) * 1024;
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+// Sanitizers' shadow memory makes resident-memory figures meaningless.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HTTP_TEST_UNDER_ASAN 1
 #else
 #define HTTP_TEST_UNDER_ASAN 0
