@@ -141,7 +141,11 @@ int TCP_Frame_Reader::finish(const Handler& handler)
   state_ = STATE_IDLE;
   if (!reader_.read(nullptr, 0))
     return fail("message refused by the reader");
-  return handler(reader_) ? 0 : 1;
+  bool go_on = handler(reader_);
+  // The reader's hold on the message goes now, not when the next one
+  // starts: freeing it then would delay that message.
+  reader_.clear();
+  return go_on ? 0 : 1;
 }
 
 int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handler)
