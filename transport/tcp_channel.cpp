@@ -600,9 +600,11 @@ int TCP_Channel::send_end()
 
 bool TCP_Channel::abandon_message()
 {
-  bool sent = streaming_ && output_.sent_some();
+  bool streaming = streaming_;
+  // Settling flushes what the writer still batches, and closes the
+  // connection if any of the message had gone out by then.
   settle_stream();
-  return sent;
+  return streaming && output_failed_;
 }
 
 int TCP_Channel::io_state() { return io_state_; }
