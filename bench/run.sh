@@ -22,9 +22,9 @@ cmake --build "$build" -j2 --target forward_bench >/dev/null
 
 echo "== Round trips against libjson-rpc-cpp and raw floors =="
 # In process, TCP and HTTP; skipped when libjson-rpc-cpp is not installed.
-# Release, like the figures in the README; threads unpinned (rpc_bench --pin
-# puts servers on CPU 1 and clients on CPU 0); three runs of each, and the
-# table takes their medians.
+# Release, like the figures in the README; server threads pinned to CPU 1
+# and client threads to CPU 0 (rpc_bench --no-pin leaves them to the
+# scheduler); three runs of each, and the table takes their medians.
 cmake -S "$root" -B "$build" -DJSON_RPC_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
 if cmake --build "$build" --target help | grep -q '^\.\.\. rpc_bench$'; then
   cmake --build "$build" -j2 --target rpc_bench >/dev/null
