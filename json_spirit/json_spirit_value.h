@@ -28,7 +28,8 @@ namespace json_spirit
 
   /// A JSON document. Copies and moves; owns what it holds.
   ///
-  /// Destruction is iterative, so a value nested arbitrarily deep can be
+  /// Destruction recurses through at most max_depth + 1 levels and frees
+  /// deeper ones in a loop, so a value nested arbitrarily deep can be
   /// dropped without exhausting the stack. Copying and writing recurse; the
   /// readers refuse documents nested deeper than max_depth, which bounds that.
   class JSON_SPIRIT_EXPORT Value
