@@ -13,14 +13,14 @@
 //                libjson-rpc-cpp's HTTP server, beside its own client; a
 //                16 MB response read into a Value against raw YAJL parsing
 //
-// Thread placement, the same for every contender: by default every thread
-// of the servers runs on CPU 1 and every client thread (callers, our
-// client's read threads) on CPU 0, the floors included; threads are pinned
-// with pthread_setaffinity_np before they create others, which inherit the
-// mask. So a round trip always wakes the other CPU twice, which is what
-// the floor costs on these machines. Unpinned (--no-pin), the scheduler
-// sometimes puts both ends on one CPU, where the floor drops to a few
-// microseconds, and the figures jump between the two cases from run to run.
+// Thread placement, the same for every contender (see Stage): with one
+// caller, every thread of the servers runs on CPU 1 and every client
+// thread (the caller, our client's read thread) on CPU 0, pinned with
+// pthread_setaffinity_np before they create others, which inherit the
+// mask; so a round trip always wakes the other CPU twice, which is what
+// the floor costs on these machines (unpinned, the scheduler sometimes
+// puts both ends on one CPU, and the floor drops to a few microseconds).
+// With eight callers nothing is pinned. --no-pin unpins everything.
 #include "bench_support.h"
 #include "reference.h"
 
@@ -73,19 +73,27 @@ namespace
 
   bool pinned = true;
 
-  void pin_to(int cpu)
-  {
-    if (!pinned)
-      return;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0)
-      std::fprintf(stderr, "can't pin a thread to CPU %d\n", cpu);
-  }
-
   const int client_cpu = 0;
   const int server_cpu = 1;
+  const int any_cpu = -1;
+
+  // Puts the calling thread on cpu, or on every CPU with any_cpu (or
+  // without pinning).
+  void place(int cpu)
+  {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu == any_cpu || !pinned)
+    {
+      long n = ::sysconf(_SC_NPROCESSORS_ONLN);
+      for (long c = 0; c < n && c < CPU_SETSIZE; ++c)
+        CPU_SET(c, &set);
+    }
+    else
+      CPU_SET(cpu, &set);
+    if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0)
+      std::fprintf(stderr, "can't place a thread on CPU %d\n", cpu);
+  }
 
   // ------------------------------------------------------------ payloads
 
@@ -183,12 +191,18 @@ namespace
   // the time of every call. calls/s counts all the time there was.
   void measure(benchmark::State& state, size_t threads, size_t batch, const Call& call)
   {
+    // One caller runs on the benchmark's thread, on the clients' CPU; more
+    // run where the scheduler puts them (see Stage).
+    int cpu = threads == 1 ? client_cpu : any_cpu;
+    place(cpu);
     std::vector<std::vector<int64_t>> samples(threads);
     std::atomic<bool> failed{false};
     uint64_t calls = 0;
     for (auto _ : state)
     {
       auto work = [&](size_t t) {
+        if (threads > 1)
+          place(cpu);
         std::vector<int64_t>& mine = samples[t];
         for (size_t i = 0; i < batch && !failed.load(std::memory_order_relaxed); ++i)
         {
@@ -439,24 +453,37 @@ namespace
     JSON_RPC_Channel_Strong_Ptr buffer_channel;
     reference::In_Process ref_in_process;
 
-    TCP_Acceptor acceptor;
-    std::vector<JSON_RPC_Channel_Strong_Ptr> tcp_channels;
-
-    std::unique_ptr<Raw_Server> raw_echo_server;
-    std::vector<int> raw_clients;
     std::string raw_request;
-
-    std::unique_ptr<reference::Http_Server> ref_http_server;
-    unsigned short ref_port = 0;
-    std::string ref_url;
-    std::vector<std::unique_ptr<reference::Http_Client>> ref_clients;
-
     std::string big_body, big_response;
     std::unique_ptr<Raw_Server> big_server;
   };
 
+  // The servers and connections of one thread placement. The benchmarks
+  // with one caller use the single stage: pinned, servers on CPU 1 and
+  // clients on CPU 0, so that each round trip wakes the other CPU twice, as
+  // the floor does. Those with eight callers use the other one, unpinned:
+  // there three threads per call (caller, our client's read thread, the
+  // server's) share two CPUs, and pinned the clients' side, which does more
+  // of the work, would have one CPU for itself only.
+  struct Stage
+  {
+    explicit Stage(size_t n) : connections(n) {}
+
+    size_t connections;
+    TCP_Acceptor acceptor;
+    std::vector<JSON_RPC_Channel_Strong_Ptr> tcp_channels;
+    std::unique_ptr<Raw_Server> raw_echo_server;
+    std::vector<int> raw_clients;
+    std::unique_ptr<reference::Http_Server> ref_http_server;
+    unsigned short ref_port = 0;
+    std::vector<std::unique_ptr<reference::Http_Client>> ref_clients;
+  };
+
   World* world = nullptr;
   const size_t tcp_threads = 8;
+  Stage* stages[2] = {nullptr, nullptr};
+
+  Stage& stage(size_t threads) { return *stages[threads == 1 ? 0 : 1]; }
 
   void BM_In_Process_Ours(benchmark::State& state, const std::string* request)
   {
@@ -519,15 +546,17 @@ namespace
 
   void BM_TCP_Ours(benchmark::State& state, size_t threads)
   {
-    measure(state, threads, threads == 1 ? 200 : 100, [](size_t t) { return session_call(world->tcp_channels[t]); });
+    Stage& st = stage(threads);
+    measure(state, threads, threads == 1 ? 200 : 100, [&st](size_t t) { return session_call(st.tcp_channels[t]); });
   }
 
   std::string raw_reply_buffer[tcp_threads];
 
   void BM_TCP_Raw(benchmark::State& state, size_t threads)
   {
-    measure(state, threads, threads == 1 ? 200 : 100, [](size_t t) -> int64_t {
-      int fd = world->raw_clients[t];
+    Stage& st = stage(threads);
+    measure(state, threads, threads == 1 ? 200 : 100, [&st](size_t t) -> int64_t {
+      int fd = st.raw_clients[t];
       int64_t start = now_ns();
       bool ok = send_all(fd, world->raw_request.data(), world->raw_request.size()) &&
                 recv_framed(fd, raw_reply_buffer[t]);
@@ -540,17 +569,19 @@ namespace
   {
     // Its client makes the request from the params and parses the result
     // inside the call, as ours does; checking the result is outside.
-    measure(state, threads, threads == 1 ? 200 : 100, [](size_t t) -> int64_t {
+    Stage& st = stage(threads);
+    measure(state, threads, threads == 1 ? 200 : 100, [&st](size_t t) -> int64_t {
       int64_t start = now_ns();
-      bool ok = world->ref_clients[t]->call();
+      bool ok = st.ref_clients[t]->call();
       int64_t took = now_ns() - start;
-      return ok && world->ref_clients[t]->check() ? took : -1;
+      return ok && st.ref_clients[t]->check() ? took : -1;
     });
   }
 
   void BM_HTTP_Ours(benchmark::State& state)
   {
-    HTTP_Session_Ptr http = HTTP_Session_Factory::create("127.0.0.1", world->ref_port, false);
+    place(client_cpu);
+    HTTP_Session_Ptr http = HTTP_Session_Factory::create("127.0.0.1", stage(1).ref_port, false);
     JSON_RPC_HTTP_Session session(http, "/", 0, 0);
     measure(state, 1, 200, [&](size_t) -> int64_t {
       JSON_RPC_Object_Ptr request = JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value(world->small_value));
@@ -566,6 +597,7 @@ namespace
 
   void BM_Big_Response_Ours(benchmark::State& state)
   {
+    place(client_cpu);
     HTTP_Session_Ptr http = HTTP_Session_Factory::create("127.0.0.1", world->big_server->port(), false);
     JSON_RPC_HTTP_Session session(http, "/", 0, 0);
     for (auto _ : state)
@@ -604,95 +636,101 @@ namespace
 
   // ------------------------------------------------------------ set-up
 
-  bool start_servers(World& w, std::string& error)
+  // Runs f on a thread placed on cpu: the threads it starts inherit that.
+  template <class F>
+  void on_cpu(int cpu, F f)
   {
-    // Servers first, from a thread on the servers' CPU: their threads
-    // inherit its mask.
-    bool ok = true;
-    std::thread([&] {
-      pin_to(server_cpu);
+    std::thread([cpu, &f] {
+      place(cpu);
+      f();
+    }).join();
+  }
+
+  bool start_stage(Stage& st, int servers_cpu, int clients_cpu, std::string& error)
+  {
+    on_cpu(servers_cpu, [&] {
       TCP_Options options;
-      if (w.acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), options) == -1)
+      if (st.acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), options) == -1)
       {
         error = "our TCP acceptor did not open";
-        ok = false;
         return;
       }
-      w.raw_echo_server.reset(new Raw_Server(raw_echo));
-      if (!w.raw_echo_server->start())
+      st.raw_echo_server.reset(new Raw_Server(raw_echo));
+      if (!st.raw_echo_server->start())
       {
         error = "the raw echo server did not start";
-        ok = false;
         return;
       }
       unsigned short port = free_port();
-      // Its pool as large as the number of clients: with its default of 50
+      // Its pool as large as the number of callers: with its default of 50
       // threads it made fewer calls/s here (about 15k against 18k).
-      w.ref_http_server.reset(new reference::Http_Server(port, static_cast<int>(tcp_threads)));
-      if (!w.ref_http_server->start())
+      st.ref_http_server.reset(new reference::Http_Server(port, static_cast<int>(st.connections)));
+      if (!st.ref_http_server->start())
       {
         error = "libjson-rpc-cpp's HTTP server did not start";
-        ok = false;
         return;
       }
-      w.ref_port = port;
-      w.ref_url = "http://127.0.0.1:" + std::to_string(port);
+      st.ref_port = port;
+    });
+    if (!error.empty())
+      return false;
+
+    on_cpu(clients_cpu, [&] {
+      TCP_Options options;
+      std::string url = "http://127.0.0.1:" + std::to_string(st.ref_port);
+      for (size_t t = 0; t < st.connections; ++t)
+      {
+        JSON_RPC_Channel_Strong_Ptr channel;
+        if (TCP_Connector::connect(channel, ACE_INET_Addr(st.acceptor.port(), "127.0.0.1"), options) == -1)
+        {
+          error = "our TCP connector failed";
+          return;
+        }
+        st.tcp_channels.push_back(channel);
+        int fd = connect_loopback(st.raw_echo_server->port());
+        if (fd < 0)
+        {
+          error = "the raw client did not connect";
+          return;
+        }
+        st.raw_clients.push_back(fd);
+        st.ref_clients.emplace_back(new reference::Http_Client(url, world->small_params));
+      }
+      // A first call on each, so that no measurement pays for a connection.
+      for (size_t t = 0; t < st.connections; ++t)
+        if (session_call(st.tcp_channels[t]) < 0 || !st.ref_clients[t]->call() || !st.ref_clients[t]->check())
+        {
+          error = "a first call failed: " + st.ref_clients[t]->error();
+          return;
+        }
+    });
+    return error.empty();
+  }
+
+  void stop_stage(Stage& st)
+  {
+    for (JSON_RPC_Channel_Strong_Ptr& c : st.tcp_channels)
+      if (TCP_Channel* tcp = TCP_Channel::cast(c))
+        tcp->close();
+    st.tcp_channels.clear();
+    st.acceptor.close(true);
+    for (int fd : st.raw_clients)
+      ::close(fd);
+    st.raw_echo_server.reset();
+    st.ref_clients.clear();
+    if (st.ref_http_server)
+      st.ref_http_server->stop();
+  }
+
+  bool start_big_server(World& w, std::string& error)
+  {
+    on_cpu(server_cpu, [&] {
       const std::string* big = &w.big_response;
       w.big_server.reset(new Raw_Server([big](int fd) { canned_http(fd, big); }));
       if (!w.big_server->start())
-      {
         error = "the 16 MB server did not start";
-        ok = false;
-      }
-    }).join();
-    if (!ok)
-      return false;
-
-    // Clients from here, on the clients' CPU: our read threads inherit it.
-    pin_to(client_cpu);
-    TCP_Options options;
-    for (size_t t = 0; t < tcp_threads; ++t)
-    {
-      JSON_RPC_Channel_Strong_Ptr channel;
-      if (TCP_Connector::connect(channel, ACE_INET_Addr(w.acceptor.port(), "127.0.0.1"), options) == -1)
-      {
-        error = "our TCP connector failed";
-        return false;
-      }
-      w.tcp_channels.push_back(channel);
-      int fd = connect_loopback(w.raw_echo_server->port());
-      if (fd < 0)
-      {
-        error = "the raw client did not connect";
-        return false;
-      }
-      w.raw_clients.push_back(fd);
-      w.ref_clients.emplace_back(new reference::Http_Client(w.ref_url, w.small_params));
-    }
-    // A first call on each, so that no measurement pays for a connection.
-    for (size_t t = 0; t < tcp_threads; ++t)
-      if (session_call(w.tcp_channels[t]) < 0 || !w.ref_clients[t]->call() || !w.ref_clients[t]->check())
-      {
-        error = "a first call failed: " + w.ref_clients[t]->error();
-        return false;
-      }
-    return true;
-  }
-
-  void stop_servers(World& w)
-  {
-    for (JSON_RPC_Channel_Strong_Ptr& c : w.tcp_channels)
-      if (TCP_Channel* tcp = TCP_Channel::cast(c))
-        tcp->close();
-    w.tcp_channels.clear();
-    w.acceptor.close(true);
-    for (int fd : w.raw_clients)
-      ::close(fd);
-    w.raw_echo_server.reset();
-    w.ref_clients.clear();
-    if (w.ref_http_server)
-      w.ref_http_server->stop();
-    w.big_server.reset();
+    });
+    return error.empty();
   }
 
   // ------------------------------------------------------------ the table
@@ -713,7 +751,7 @@ namespace
     auto div = [](double a, double b) { return b > 0 ? a / b : 0; };
 
     std::printf("\n== JSON-RPC round trips against libjson-rpc-cpp %s and raw floors ==\n", "0.7 (Debian)");
-    std::printf("threads: %s\n", pinned ? "pinned, servers on CPU 1 and clients on CPU 0"
+    std::printf("threads: %s\n", pinned ? "1 caller: pinned, servers on CPU 1 and clients on CPU 0; 8 callers: unpinned"
                                         : "unpinned, on the machine's CPUs as the scheduler puts them");
     std::printf("%-36s %12s %9s %9s\n", "benchmark", "calls/s", "p50 us", "p99 us");
     struct Row
@@ -810,8 +848,12 @@ int main(int argc, char** argv)
   std::printf("small echo request: %zu bytes; large: %zu bytes; big response body: %zu bytes\n",
               w->small_request.size(), w->large_request.size(), w->big_body.size());
 
+  Stage single(1), eight(tcp_threads);
+  stages[0] = &single;
+  stages[1] = &eight;
   std::string error;
-  if (!start_servers(*w, error))
+  if (!start_stage(single, server_cpu, client_cpu, error) || !start_stage(eight, any_cpu, any_cpu, error) ||
+      !start_big_server(*w, error))
   {
     std::fprintf(stderr, "set-up failed: %s\n", error.c_str());
     return 1;
@@ -842,7 +884,9 @@ int main(int argc, char** argv)
   print_table(reporter);
   benchmark::Shutdown();
 
-  stop_servers(*w);
+  stop_stage(single);
+  stop_stage(eight);
+  w->big_server.reset();
   w.reset();
   JSON_RPC_Request_Map::close_instance();
   JSON_RPC_Response_Map::close_instance();
