@@ -333,9 +333,12 @@ TEST_F(Proxy_Processes, AParamsFilterSumsA100MBArrayThatTheHostNeverHolds)
   std::string line;
   ASSERT_TRUE(client.read_line(line));
   EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":" + std::to_string(sum) + "}", line);
-  // The host's own accounting: nowhere near the size of the params.
+  // The host's own accounting: below half the size of the params, where
+  // assembled as a tree they would take several times their size. (The
+  // plain build peaks near 8 MB; AddressSanitizer's own bookkeeping adds
+  // some 30 MB.)
   long peak_kb = upstream->peak_rss_kb();
   ASSERT_GT(peak_kb, 0);
-  EXPECT_LT(peak_kb, static_cast<long>(total / 1024 / 3)) << "peak RSS " << peak_kb << " kB";
+  EXPECT_LT(peak_kb, static_cast<long>(total / 1024 / 2)) << "peak RSS " << peak_kb << " kB";
   RecordProperty("host_peak_rss_kb", static_cast<int>(peak_kb));
 }

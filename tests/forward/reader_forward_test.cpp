@@ -69,6 +69,8 @@ namespace
       lock_held_at_begin = !lock || lock->held();
       if (refuse_begin)
         return nullptr;
+      if (gen_)
+        yajl_gen_free(gen_);
       gen_ = yajl_gen_alloc(nullptr);
       yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer_);
       if (spoil_generator)
