@@ -4,6 +4,9 @@
 
 #include "tessel/http_internal.h"
 
+// Under the sanitizers GCC takes a Boost.Optional inside Beast's parser for
+// maybe uninitialized; the warning is about Boost's code, not ours.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
 
