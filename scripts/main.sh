@@ -35,7 +35,9 @@ start_host() {
 }
 
 show() {
-  echo "\$ jsonrpc-call $*"
+  local line="\$ jsonrpc-call $*"
+  [ ${#line} -le 100 ] || line="${line:0:96} ..."
+  echo "$line"
   "$call" "$@" || echo "(exit status $?)"
 }
 
@@ -75,13 +77,15 @@ sed 's/-n 4 -h 16 -l 8/-n 1 -h 2 -l 1/' examples/svc.conf > "$work/small.conf"
 start_host small "$work/small.conf"
 small=127.0.0.1:$PORT
 "$call" --timeout 20 "$small" pool.sleep 2000 > "$work/long.out" 2>&1 &
-long=$!
+callers=($!)
 sleep 0.5
 for i in 1 2 3; do
-  ("$call" --timeout 4 "$small" pool.sleep 10 > "$work/short$i.out" 2>&1; echo "call $i: exit $?") &
+  (rc=0; "$call" --timeout 4 "$small" pool.sleep 10 > "$work/short$i.out" 2>&1 || rc=$?; echo $rc > "$work/short$i.rc") &
+  callers+=($!)
 done
-wait "${!}" 2> /dev/null || true
-wait
+wait "${callers[@]}"
+for i in 1 2 3; do echo "call $i: exit $(cat "$work/short$i.rc") $(cat "$work/short$i.out")"; done
+echo "long call: $(cat "$work/long.out")"
 echo "host log: $(grep -m1 'Failed to schedule task' "$work/small.err")"
 echo "(a refused call gets no answer: its caller's time limit ends it, exit 3)"
 
