@@ -112,6 +112,22 @@ namespace
     ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
     return false;
   }
+
+  // What both call forms do once the waiter exists: enter it under id, send,
+  // and wait until the deadline that deadline(at) sets after the send (false:
+  // no limit). The entry leaves the map on every way out.
+  template <class Send, class Deadline>
+  bool send_and_wait(JSON_RPC_Future_Handler* waiter, const JSON_RPC_Handler_Ptr& handler,
+                     const json_spirit::Value& id, JSON_RPC_Object_Ptr& response, Send send, Deadline deadline)
+  {
+    if (!enter(id, handler))
+      return false;
+    Entry_Guard entry(id);
+    if (!sent(send()))
+      return false;
+    ACE_Time_Value at;
+    return wait(waiter, response, deadline(at) ? &at : nullptr);
+  }
 }
 
 JSON_RPC_Session::JSON_RPC_Session() {}
@@ -131,15 +147,14 @@ bool JSON_RPC_Session::request(JSON_RPC_Object_Ptr request, JSON_RPC_Object_Ptr&
   if (!waiter)
     return false;
   JSON_RPC_Id_Generator::gen(*request);
-  if (!enter(request->id, handler))
-    return false;
-  Entry_Guard entry(request->id);
-  if (!sent(channel_->send_object(request)))
-    return false;
-  if (timeout > 600 || timeout < 0)
-    timeout = 600;
-  ACE_Time_Value deadline = ACE_Time_Value(static_cast<time_t>(timeout), 0).to_absolute_time();
-  return wait(waiter, response, &deadline);
+  return send_and_wait(
+    waiter, handler, request->id, response, [&] { return channel_->send_object(request); },
+    [&](ACE_Time_Value& at) {
+      if (timeout > 600 || timeout < 0)
+        timeout = 600;
+      at = ACE_Time_Value(static_cast<time_t>(timeout), 0).to_absolute_time();
+      return true;
+    });
 }
 
 bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_RPC_Object_Ptr& response,
@@ -159,16 +174,15 @@ bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_
   if (!waiter)
     return false;
   JSON_RPC_Request_Generator generator(method, params);
-  json_spirit::Value id(generator.id());
-  if (!enter(id, handler))
-    return false;
-  Entry_Guard entry(id);
-  if (!sent(channel_->send_generator(generator)))
-    return false;
-  if (timeout < 0)
-    return wait(waiter, response, nullptr);
-  ACE_Time_Value deadline(ACE_OS::time(0) + static_cast<time_t>(timeout), 0);
-  return wait(waiter, response, &deadline);
+  return send_and_wait(
+    waiter, handler, json_spirit::Value(generator.id()), response,
+    [&] { return channel_->send_generator(generator); },
+    [&](ACE_Time_Value& at) {
+      if (timeout < 0)
+        return false;
+      at = ACE_Time_Value(ACE_OS::time(0) + static_cast<time_t>(timeout), 0);
+      return true;
+    });
 }
 
 bool JSON_RPC_Session::notify(JSON_RPC_Object_Ptr object)
