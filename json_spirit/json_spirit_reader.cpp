@@ -104,33 +104,46 @@ using json_spirit::Value;
 JSON_Parser::JSON_Parser() : target_(nullptr), complete_(false) {}
 JSON_Parser::~JSON_Parser() {}
 
+void JSON_Parser::reset()
+{
+  frames_.clear();
+  // A reader lives as long as its stream: what one large array needed
+  // is not kept for the next document.
+  if (items_.capacity() > 4096)
+    std::vector<Value>().swap(items_);
+  else
+    items_.clear();
+  key_.clear();
+}
+
 void JSON_Parser::result(Value* target)
 {
   target_ = target;
-  stack_.clear();
-  key_.clear();
+  reset();
   complete_ = false;
-  if (target && ((target->type() == json_spirit::obj_type && target->get_obj().empty()) ||
-                 (target->type() == json_spirit::array_type && target->get_array().empty())))
-    stack_.push_back(target);
+  if (!target)
+    return;
+  if (target->type() == json_spirit::obj_type && target->get_obj().empty())
+    frames_.push_back(Frame{&target->get_obj(), 0, nullptr, 0});
+  else if (target->type() == json_spirit::array_type && target->get_array().empty())
+    frames_.push_back(Frame{nullptr, items_.size(), target, 0});
 }
 
 Value* JSON_Parser::slot()
 {
-  if (stack_.empty())
+  if (frames_.empty())
     return complete_ ? nullptr : target_;
-  Value* top = stack_.back();
-  if (top->type() == json_spirit::array_type)
+  Frame& top = frames_.back();
+  if (!top.object)
   {
-    json_spirit::Array& a = top->get_array();
-    a.emplace_back();
-    return &a.back();
+    items_.emplace_back();
+    return &items_.back();
   }
   // Members often come in key order (our writers emit them so): the hint
   // at the end then spares the search. A repeated key keeps its place and
   // takes the later value.
-  json_spirit::Object& o = top->get_obj();
-  return &o.emplace_hint(o.end(), key_, Value())->second;
+  json_spirit::Object& o = *top.object;
+  return &o.emplace_hint(o.end(), std::move(key_), Value())->second;
 }
 
 bool JSON_Parser::add(Value&& value)
@@ -139,33 +152,52 @@ bool JSON_Parser::add(Value&& value)
   if (!s)
     return false;
   *s = std::move(value);
-  if (stack_.empty())
+  if (frames_.empty())
     complete_ = true;
   return true;
 }
 
-bool JSON_Parser::open(Value&& container)
+bool JSON_Parser::open(bool object)
 {
-  if (stack_.size() >= json_spirit::max_depth)
+  if (frames_.size() >= json_spirit::max_depth)
   {
     ACE_ERROR((LM_ERROR, "JSON nested deeper than %u levels refused.\n", json_spirit::max_depth));
     return false;
   }
+  bool in_array = !frames_.empty() && !frames_.back().object;
   Value* s = slot();
   if (!s)
     return false;
-  *s = std::move(container);
-  stack_.push_back(s);
+  if (object)
+  {
+    *s = Value(json_spirit::Object());
+    frames_.push_back(Frame{&s->get_obj(), 0, nullptr, 0});
+  }
+  else if (in_array)
+    frames_.push_back(Frame{nullptr, items_.size(), nullptr, items_.size() - 1});
+  else
+    frames_.push_back(Frame{nullptr, items_.size(), s, 0});
   return true;
 }
 
-bool JSON_Parser::close(json_spirit::Value_type type)
+bool JSON_Parser::close(bool object)
 {
-  if (stack_.empty() || stack_.back()->type() != type)
+  if (frames_.empty() || (frames_.back().object != nullptr) != object)
     return false;
-  stack_.pop_back();
-  if (stack_.empty())
+  Frame top = frames_.back();
+  frames_.pop_back();
+  if (!object)
+  {
+    auto first = items_.begin() + static_cast<std::ptrdiff_t>(top.first);
+    Value array(json_spirit::Array(std::make_move_iterator(first), std::make_move_iterator(items_.end())));
+    items_.erase(first, items_.end());
+    *(top.place ? top.place : &items_[top.index]) = std::move(array);
+  }
+  if (frames_.empty())
+  {
     complete_ = true;
+    reset();
+  }
   return true;
 }
 
@@ -190,19 +222,19 @@ bool JSON_Parser::handle_string_i(char const* text, unsigned long long length)
   return add(Value(std::string(text, length)));
 }
 
-bool JSON_Parser::handle_start_map_i() { return open(Value(json_spirit::Object())); }
+bool JSON_Parser::handle_start_map_i() { return open(true); }
 
 bool JSON_Parser::handle_map_key_i(char const* text, unsigned long long length)
 {
-  if (stack_.empty() || stack_.back()->type() != json_spirit::obj_type)
+  if (frames_.empty() || !frames_.back().object)
     return false;
   key_.assign(text, length);
   return true;
 }
 
-bool JSON_Parser::handle_end_map_i() { return close(json_spirit::obj_type); }
-bool JSON_Parser::handle_start_array_i() { return open(Value(json_spirit::Array())); }
-bool JSON_Parser::handle_end_array_i() { return close(json_spirit::array_type); }
+bool JSON_Parser::handle_end_map_i() { return close(true); }
+bool JSON_Parser::handle_start_array_i() { return open(false); }
+bool JSON_Parser::handle_end_array_i() { return close(false); }
 
 JSON_Reader::JSON_Reader() : handle_(nullptr) {}
 

@@ -49,14 +49,28 @@ public:
   bool handle_end_array_i() override;
 
 private:
-  // Where the next value goes; null when nothing can take one.
+  // A container being read. An object takes its members at once; an
+  // array's elements wait in items_ and are moved into an array of their
+  // exact size when it closes, so that each array is allocated once.
+  struct Frame
+  {
+    json_spirit::Object* object; // null for an array
+    size_t first;                // an array's first element in items_
+    json_spirit::Value* place;   // where a closed array goes, or null...
+    size_t index;                // ...for the element items_[index]
+  };
+
+  // Where the next value goes; null when nothing can take one. Valid
+  // until the next event.
   json_spirit::Value* slot();
   bool add(json_spirit::Value&& value);
-  bool open(json_spirit::Value&& container);
-  bool close(json_spirit::Value_type type);
+  bool open(bool object);
+  bool close(bool object);
+  void reset();
 
   json_spirit::Value* target_;
-  std::vector<json_spirit::Value*> stack_;
+  std::vector<Frame> frames_;
+  std::vector<json_spirit::Value> items_;
   std::string key_;
   bool complete_;
 };

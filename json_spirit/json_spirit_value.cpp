@@ -1,6 +1,7 @@
 #include "json_spirit/json_spirit_value.h"
 
 #include <climits>
+#include <new>
 #include <utility>
 
 namespace json_spirit
@@ -41,21 +42,12 @@ namespace json_spirit
     const unsigned recursion_limit = max_depth + 1;
   }
 
-  Value::Value(const Value& other) : type_(null_type), unsigned_(false)
-  {
-    u_.i = 0;
-    copy_from(other);
-  }
+  Value::Value(const Value& other) : type_(null_type), unsigned_(false) { copy_from(other); }
+  Value::Value(Value&& other) noexcept : type_(null_type), unsigned_(false) { move_from(other); }
 
-  Value::Value(Value&& other) noexcept : type_(null_type), unsigned_(false)
-  {
-    u_.i = 0;
-    move_from(other);
-  }
-
-  Value::Value(const std::string& s) : type_(str_type), unsigned_(false) { u_.s = new std::string(s); }
-  Value::Value(std::string&& s) : type_(str_type), unsigned_(false) { u_.s = new std::string(std::move(s)); }
-  Value::Value(const char* s) : type_(str_type), unsigned_(false) { u_.s = new std::string(s ? s : ""); }
+  Value::Value(const std::string& s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(s); }
+  Value::Value(std::string&& s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(std::move(s)); }
+  Value::Value(const char* s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(s ? s : ""); }
 
   Value::Value(unsigned long long u) noexcept : type_(int_type), unsigned_(u > static_cast<unsigned long long>(LLONG_MAX))
   {
@@ -72,7 +64,7 @@ namespace json_spirit
   void Value::destroy() noexcept
   {
     if (type_ == str_type)
-      delete u_.s;
+      u_.s.~basic_string();
     else if (is_container(*this))
     {
       // Deepest first, so that each container is deleted holding only
@@ -135,10 +127,12 @@ namespace json_spirit
   {
     switch (other.type_)
     {
-    case str_type: u_.s = new std::string(*other.u_.s); break;
+    case str_type: new (&u_.s) std::string(other.u_.s); break;
     case obj_type: u_.o = new Object(*other.u_.o); break;
     case array_type: u_.a = new Array(*other.u_.a); break;
-    default: u_ = other.u_; break;
+    case bool_type: u_.b = other.u_.b; break;
+    case real_type: u_.d = other.u_.d; break;
+    default: u_.i = other.u_.i; break;
     }
     type_ = other.type_;
     unsigned_ = other.unsigned_;
@@ -146,7 +140,18 @@ namespace json_spirit
 
   void Value::move_from(Value& other) noexcept
   {
-    u_ = other.u_;
+    switch (other.type_)
+    {
+    case str_type:
+      new (&u_.s) std::string(std::move(other.u_.s));
+      other.u_.s.~basic_string();
+      break;
+    case obj_type: u_.o = other.u_.o; break;
+    case array_type: u_.a = other.u_.a; break;
+    case bool_type: u_.b = other.u_.b; break;
+    case real_type: u_.d = other.u_.d; break;
+    default: u_.i = other.u_.i; break;
+    }
     type_ = other.type_;
     unsigned_ = other.unsigned_;
     other.type_ = null_type;
@@ -170,16 +175,19 @@ namespace json_spirit
     {
       // other may live inside *this: take it before freeing what we hold.
       Value taken(std::move(other));
-      swap(taken);
+      destroy();
+      move_from(taken);
     }
     return *this;
   }
 
   void Value::swap(Value& other) noexcept
   {
-    std::swap(type_, other.type_);
-    std::swap(unsigned_, other.unsigned_);
-    std::swap(u_, other.u_);
+    if (this == &other)
+      return;
+    Value taken(std::move(other));
+    other.move_from(*this);
+    move_from(taken);
   }
 
   bool Value::is_uint64() const
@@ -187,7 +195,7 @@ namespace json_spirit
     return type_ == int_type && (unsigned_ || u_.i > INT_MAX || u_.i < INT_MIN);
   }
 
-  const std::string& Value::get_str() const { return type_ == str_type ? *u_.s : empty_string; }
+  const std::string& Value::get_str() const { return type_ == str_type ? u_.s : empty_string; }
   const Object& Value::get_obj() const { return type_ == obj_type ? *u_.o : empty_object; }
   const Array& Value::get_array() const { return type_ == array_type ? *u_.a : empty_array; }
 
@@ -238,7 +246,7 @@ namespace json_spirit
     case bool_type: return u_.b == other.u_.b;
     case int_type: return u_.i == other.u_.i && unsigned_ == other.unsigned_;
     case real_type: return u_.d == other.u_.d;
-    case str_type: return *u_.s == *other.u_.s;
+    case str_type: return u_.s == other.u_.s;
     case obj_type: return *u_.o == *other.u_.o;
     case array_type: return *u_.a == *other.u_.a;
     }

@@ -28,6 +28,10 @@ namespace json_spirit
 
   /// A JSON document. Copies and moves; owns what it holds.
   ///
+  /// A string is held in place (short ones need no allocation at all);
+  /// objects and arrays are held through a pointer, so that a value stays
+  /// small and moves in constant time.
+  ///
   /// Destruction recurses through at most max_depth + 1 levels and frees
   /// deeper ones in a loop, so a value nested arbitrarily deep can be
   /// dropped without exhausting the stack. Copying and writing recurse; the
@@ -37,7 +41,7 @@ namespace json_spirit
   public:
     static const Value null;
 
-    Value() noexcept : type_(null_type), unsigned_(false) { u_.i = 0; }
+    Value() noexcept : type_(null_type), unsigned_(false) {}
     Value(const Value& other);
     Value(Value&& other) noexcept;
     Value(const std::string& s);
@@ -94,17 +98,20 @@ namespace json_spirit
     static void release_nested(Value& v, unsigned depth) noexcept;
     // Deletes a container that holds no containers.
     void free_container() noexcept;
+    // Both expect *this to hold nothing (no string, no container).
     void copy_from(const Value& other);
     void move_from(Value& other) noexcept;
 
     Value_type type_;
     bool unsigned_;
-    union
+    union Storage
     {
+      Storage() noexcept : i(0) {}
+      ~Storage() {}
       bool b;
       long long i;
       double d;
-      std::string* s;
+      std::string s;
       Object* o;
       Array* a;
     } u_;

@@ -4,15 +4,72 @@
 #include <ace/OS_NS_stdlib.h>
 #include <ace/OS_NS_string.h>
 #include <ace/Thread_Mutex.h>
+#include <pthread.h>
+#include <sys/random.h>
 #include <uuid/uuid.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
+
+namespace
+{
+  // Ids are random (version 4) UUIDs. libuuid's generator makes six system
+  // calls an id; a reserve of kernel randomness per thread makes one per
+  // 64 ids. A forked child must not hand out its parent's reserve again:
+  // each fork starts a new generation, and a reserve of an older one is
+  // dropped.
+  std::atomic<unsigned> fork_generation{0};
+
+  void next_generation() { fork_generation.fetch_add(1, std::memory_order_relaxed); }
+
+  struct Random_Reserve
+  {
+    unsigned char bytes[1024];
+    size_t used = sizeof bytes;
+    unsigned generation = 0;
+
+    bool take(unsigned char* out, size_t n)
+    {
+      static std::once_flag registered;
+      std::call_once(registered, [] { pthread_atfork(nullptr, nullptr, next_generation); });
+      unsigned now = fork_generation.load(std::memory_order_relaxed);
+      if (generation != now || used + n > sizeof bytes)
+      {
+        for (size_t got = 0; got < sizeof bytes;)
+        {
+          ssize_t r = getrandom(bytes + got, sizeof bytes - got, 0);
+          if (r < 0 && errno != EINTR)
+            return false;
+          if (r > 0)
+            got += static_cast<size_t>(r);
+        }
+        used = 0;
+        generation = now;
+      }
+      std::memcpy(out, bytes + used, n);
+      // Bytes handed out are not kept.
+      std::memset(bytes + used, 0, n);
+      used += n;
+      return true;
+    }
+  };
+
+  thread_local Random_Reserve reserve;
+}
 
 const std::string& uuid_string(std::string& out, bool upper)
 {
   uuid_t id;
-  uuid_generate(id);
+  if (reserve.take(id, sizeof id))
+  {
+    id[6] = static_cast<unsigned char>((id[6] & 0x0f) | 0x40); // version 4
+    id[8] = static_cast<unsigned char>((id[8] & 0x3f) | 0x80); // RFC 4122 variant
+  }
+  else
+    uuid_generate(id);
   char text[37];
   if (upper)
     uuid_unparse_upper(id, text);

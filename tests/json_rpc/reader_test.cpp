@@ -86,9 +86,9 @@ TEST(JSON_RPC_Reader, IsCleanAfterAFailureOnceOpenedAgain)
 {
   Log_Capture cap;
   JSON_RPC_Reader reader;
-  Read_Outcome bad = read_message(reader, "{\"method\":\"m\",\"params\":{\"a\":[1,", 3);
+  Read_Outcome bad = read_message(reader, "{\"method\":\"m\",\"params\":{\"a\":{\"b\":1,", 3);
   EXPECT_FALSE(bad.ok);
-  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":[1]}", describe(bad.object));
+  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":{\"b\":1}}", describe(bad.object));
 
   Read_Outcome refused = read_message(reader, "{\"result\":[1],\"method\":\"m\"}", 1);
   EXPECT_FALSE(refused.ok);
@@ -99,7 +99,7 @@ TEST(JSON_RPC_Reader, IsCleanAfterAFailureOnceOpenedAgain)
   EXPECT_EQ(0u, good.err);
   EXPECT_EQ("type=3 version= id=2 result=[3]", describe(good.object));
   // The object taken before belongs to its holder alone.
-  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":[1]}", describe(bad.object));
+  EXPECT_EQ("type=1 version= id=null method=m params={\"a\":{\"b\":1}}", describe(bad.object));
 
   // Nothing of the last message leaks into the next: not its id, nor its version.
   Read_Outcome next = read_message(reader, "{\"method\":\"n\"}");

@@ -40,6 +40,9 @@ TEST(JSON_Reader, ReadsAndWritesBackCompactInAnyPieces)
     {"\"caf\\u00e9 \\ud83d\\ude00 \\/ \\u0000\"", "\"caf\xc3\xa9 \xf0\x9f\x98\x80 / \\u0000\""},
     {"[ 1 , 2.5 , -0.0 , 1e2 , [ ] , { } ]", "[1,2.5,-0.0,100.0,[],{}]"},
     {"{\"b\":[{\"c\":null}],\"a\":\"x\\ty\",\"a\":false}", "{\"a\":false,\"b\":[{\"c\":null}]}"},
+    // Arrays inside arrays and objects at every depth, long and short strings.
+    {"[[1,[2,[],\"a string longer than sixteen\"],3],{\"a\":[4,{\"b\":[5,[6]]}]},[]]",
+     "[[1,[2,[],\"a string longer than sixteen\"],3],{\"a\":[4,{\"b\":[5,[6]]}]},[]]"},
     {"18446744073709551615", "18446744073709551615"},
     {"[-2147483649,2147483648]", "[-2147483649,2147483648]"},
     {"[9223372036854775807,-9223372036854775808,18446744073709551616]",

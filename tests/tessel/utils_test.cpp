@@ -7,6 +7,9 @@
 #include <set>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace
 {
   std::vector<unsigned int> waits(Exponential_Backoff_Iterator it, size_t at_most)
@@ -89,6 +92,38 @@ TEST(uuid_string, IsLowerCaseCanonicalTextAndFresh)
   uuid_string(upper, true);
   for (char c : upper)
     EXPECT_FALSE(std::islower(static_cast<unsigned char>(c))) << upper;
+  // A random (version 4) id of the RFC 4122 variant.
+  EXPECT_EQ('4', upper[14]) << upper;
+  EXPECT_NE(std::string("89AB").find(upper[19]), std::string::npos) << upper;
+}
+
+// Ids come from a reserve of randomness per thread: a forked child must not
+// repeat the ids that its parent makes next.
+TEST(uuid_string, AForkedChildDoesNotRepeatItsParentsIds)
+{
+  std::string first;
+  uuid_string(first);
+  int fds[2];
+  ASSERT_EQ(0, ::pipe(fds));
+  pid_t child = ::fork();
+  ASSERT_NE(-1, child);
+  if (child == 0)
+  {
+    std::string id;
+    uuid_string(id);
+    ssize_t n = ::write(fds[1], id.data(), id.size());
+    ::_exit(n == 36 ? 0 : 1);
+  }
+  ::close(fds[1]);
+  std::string mine;
+  uuid_string(mine);
+  char text[36];
+  ssize_t got = ::read(fds[0], text, sizeof text);
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_EQ(36, got);
+  EXPECT_NE(mine, std::string(text, 36));
 }
 
 TEST(get_env_r, GivesTheValueOrEmpty)
