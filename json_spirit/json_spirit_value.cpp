@@ -61,54 +61,46 @@ namespace json_spirit
 
   Value::~Value() { destroy(); }
 
+  namespace
+  {
+    // Levels of containers being freed on this thread, through the
+    // destructors of the containers themselves.
+    thread_local unsigned freeing_depth = 0;
+  }
+
   void Value::destroy() noexcept
   {
     if (type_ == str_type)
       u_.s.~basic_string();
     else if (is_container(*this))
     {
-      // Deepest first, so that each container is deleted holding only
-      // leaves: no destructor recurses.
-      release_nested(*this, 0);
-      free_container();
+      if (freeing_depth < recursion_limit)
+      {
+        ++freeing_depth;
+        free_container();
+        --freeing_depth;
+      }
+      else
+        free_iteratively();
     }
     type_ = null_type;
     unsigned_ = false;
     u_.i = 0;
   }
 
-  void Value::release_nested(Value& v, unsigned depth) noexcept
+  void Value::free_iteratively() noexcept
   {
-    if (depth >= recursion_limit)
+    // Each container is deleted holding no containers: no destructor
+    // recurses further.
+    std::vector<Value> pending;
+    detach_children(*this, pending);
+    free_container();
+    while (!pending.empty())
     {
-      std::vector<Value> pending;
-      detach_children(v, pending);
-      while (!pending.empty())
-      {
-        Value next(std::move(pending.back()));
-        pending.pop_back();
-        detach_children(next, pending);
-        next.free_container();
-      }
-      return;
-    }
-    if (v.type_ == array_type)
-    {
-      for (Value& child : *v.u_.a)
-        if (is_container(child))
-        {
-          release_nested(child, depth + 1);
-          child.free_container();
-        }
-    }
-    else if (v.type_ == obj_type)
-    {
-      for (auto& member : *v.u_.o)
-        if (is_container(member.second))
-        {
-          release_nested(member.second, depth + 1);
-          member.second.free_container();
-        }
+      Value next(std::move(pending.back()));
+      pending.pop_back();
+      detach_children(next, pending);
+      next.free_container();
     }
   }
 
@@ -171,13 +163,18 @@ namespace json_spirit
 
   Value& Value::operator=(Value&& other) noexcept
   {
-    if (this != &other)
+    if (this == &other)
+      return *this;
+    if (type_ != str_type && !is_container(*this))
     {
-      // other may live inside *this: take it before freeing what we hold.
-      Value taken(std::move(other));
-      destroy();
-      move_from(taken);
+      // Nothing held, so other cannot live inside *this.
+      move_from(other);
+      return *this;
     }
+    // other may live inside *this: take it before freeing what we hold.
+    Value taken(std::move(other));
+    destroy();
+    move_from(taken);
     return *this;
   }
 

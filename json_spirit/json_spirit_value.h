@@ -94,8 +94,8 @@ namespace json_spirit
   private:
     friend struct value_lesser;
     void destroy() noexcept;
-    // Frees the containers nested in v, leaving it only strings and scalars.
-    static void release_nested(Value& v, unsigned depth) noexcept;
+    // Frees a container nested too deep for recursion, with a loop.
+    void free_iteratively() noexcept;
     // Deletes a container that holds no containers.
     void free_container() noexcept;
     // Both expect *this to hold nothing (no string, no container).
