@@ -108,12 +108,12 @@ namespace
     std::atomic<int> state_;
   };
 
-  // Removes the pending entry on every way out of a call.
+  // Removes the pending entry on every way out of a call; id outlives it.
   struct Entry_Guard
   {
     explicit Entry_Guard(const json_spirit::Value& id) : id_(id) {}
     ~Entry_Guard() { JSON_RPC_Response_Map::instance()->remove(id_); }
-    json_spirit::Value id_;
+    const json_spirit::Value& id_;
   };
 
   bool wait(JSON_RPC_Future_Handler* handler, JSON_RPC_Object_Ptr& response, const ACE_Time_Value* deadline)
