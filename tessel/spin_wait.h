@@ -10,7 +10,9 @@
 /// back within one round trip to a thread on another core. Waking a
 /// sleeping thread on an idle core costs tens of microseconds on virtual
 /// machines; a core that stays busy takes the wake-up at once. The spin is
-/// bounded (spin_time).
+/// bounded (spin_time), and it does not yield: a yield gives the core to
+/// any thread that wants it for the rest of that thread's time slice,
+/// milliseconds that the waiter would lose while its answer is there.
 ///
 /// Only a thread that waits alone spins: waiters counts the threads that
 /// wait on the same kind of answer, and with others waiting too the cores
@@ -47,14 +49,14 @@ public:
     if (!alone_ || limit <= limit.zero())
       return false;
     return poll(ready, std::chrono::steady_clock::now() + std::min<std::chrono::steady_clock::duration>(limit, spin_time),
-                pauses);
+                pauses, false);
   }
 
   /// The loop of a spin: ready() until it gives true or end has passed.
-  /// The core is offered to other threads now and then, so that the one
-  /// that brings the answer gets it if it runs there.
+  /// With yield, the core is offered to other threads now and then, so that
+  /// one that waits for it gets it.
   template <class Ready>
-  static bool poll(Ready ready, std::chrono::steady_clock::time_point end, unsigned int pauses = 1)
+  static bool poll(Ready ready, std::chrono::steady_clock::time_point end, unsigned int pauses, bool yield)
   {
     for (unsigned int i = 1;; ++i)
     {
@@ -66,7 +68,8 @@ public:
       {
         if (std::chrono::steady_clock::now() >= end)
           return false;
-        std::this_thread::yield();
+        if (yield)
+          std::this_thread::yield();
       }
     }
   }

@@ -148,7 +148,8 @@ bool Thread_Pool_Helper::spin()
   if (!spinning_.compare_exchange_strong(idle, 1))
     return false;
   // A dispatching thread that waits for this core gets it.
-  bool found = Spin_Wait::poll([this] { return queued_.load() > 0; }, std::chrono::steady_clock::now() + spin_time);
+  bool found =
+    Spin_Wait::poll([this] { return queued_.load() > 0; }, std::chrono::steady_clock::now() + spin_time, 1, true);
   spinning_.store(0);
   return found;
 }
