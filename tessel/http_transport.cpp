@@ -188,7 +188,7 @@ ssize_t HTTP_Transport::recv_raw(void* buffer, size_t length)
           n = ::recv(stream_.get_handle(), buffer, length, MSG_DONTWAIT);
           return n >= 0 || !(would_block(errno) || errno == EINTR);
         },
-        Spin_Wait::spin_time, 16))
+        Spin_Wait::spin_time, 64))
     return n;
   for (;;)
   {
