@@ -4,29 +4,33 @@
 #include <ace/Log_Msg.h>
 
 JSON_RPC_Writer::JSON_RPC_Writer() : gen_(nullptr) {}
-JSON_RPC_Writer::~JSON_RPC_Writer() { close(); }
+
+JSON_RPC_Writer::~JSON_RPC_Writer()
+{
+  close();
+  if (gen_)
+    yajl_gen_free(gen_);
+}
 
 yajl_gen_t* JSON_RPC_Writer::open(YAJL_Printer& printer)
 {
   close();
-  gen_ = yajl_gen_alloc(nullptr);
+  // A writer that is used again keeps its generator: reset, it starts a
+  // new message as a new one would.
   if (gen_)
+    yajl_gen_reset(gen_, nullptr);
+  else
   {
-    batch_.target(&printer);
+    gen_ = yajl_gen_alloc(nullptr);
+    if (!gen_)
+      return nullptr;
     yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Batch_Printer::print_b, &batch_);
   }
+  batch_.target(&printer);
   return gen_;
 }
 
-void JSON_RPC_Writer::close()
-{
-  if (gen_)
-  {
-    yajl_gen_free(gen_);
-    gen_ = nullptr;
-  }
-  batch_.flush();
-}
+void JSON_RPC_Writer::close() { batch_.flush(); }
 
 namespace
 {

@@ -34,14 +34,13 @@ int JSON_RPC_Response_Map::insert(const json_spirit::Value& id, JSON_RPC_Handler
 int JSON_RPC_Response_Map::remove(const json_spirit::Value& id)
 {
   // The handler may be the last reference; let it go outside the lock.
-  JSON_RPC_Handler_Ptr handler;
+  decltype(map_)::node_type entry;
   {
     ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
     auto i = map_.find(id);
     if (i == map_.end())
       return -1;
-    handler = i->second;
-    map_.erase(i);
+    entry = map_.extract(i);
   }
   return 0;
 }

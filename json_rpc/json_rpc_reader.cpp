@@ -45,9 +45,14 @@ void JSON_RPC_Reader::clear()
   state_ = STATE_IDLE;
   id_ = Value::null;
   version_.clear();
-  object_.reset();
+  // Resetting an ACE pointer allocates a fresh count even when it holds
+  // nothing, and clear() runs twice per message: once after it, once in
+  // open() before the next.
+  if (object_.get())
+    object_.reset();
   json_parser_.result(nullptr);
-  channel_.reset();
+  if (channel_.unsafe_get())
+    channel_.reset();
   release_lock();
   if (!request_channel_.null())
     request_channel_.reset();

@@ -2,71 +2,118 @@
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_generator.h"
 #include "json_rpc/json_rpc_handler.h"
+#include "tessel/spin_wait.h"
 #include "tessel/utils.h"
 
-#include <ace/Condition_Thread_Mutex.h>
 #include <ace/Future.h>
-#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 #include <ace/OS_NS_errno.h>
+#include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_time.h>
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <new>
 
 namespace
 {
+  // Threads of this process that wait for a response.
+  std::atomic<int> waiters(0);
+
+  long futex(std::atomic<int>* word, int op, int value, const struct timespec* at)
+  {
+    return ::syscall(SYS_futex, word, op, value, at, nullptr, FUTEX_BITSET_MATCH_ANY);
+  }
+
   /// The waiter behind one pending call. ACE_Future::get reads a value that
   /// is already set without its lock, which orders nothing between the two
-  /// threads; so the waiter meets the dispatching thread under a lock of its
-  /// own first.
+  /// threads; so they meet on a flag of their own first. The waiter sleeps
+  /// on the flag itself (a futex): neither side takes a lock, and the
+  /// dispatching thread makes a system call only when the waiter sleeps.
   class JSON_RPC_Future_Handler : public JSON_RPC_Handler
   {
   public:
-    JSON_RPC_Future_Handler() : ready_(lock_), set_(false) {}
+    JSON_RPC_Future_Handler() : state_(PENDING) {}
 
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
     {
       bool response = object.get() && (object->type == JSON_RPC_Object::TYPE_RESPONSE ||
                                        object->type == JSON_RPC_Object::TYPE_RESPONSE_ERROR);
-      int result;
-      {
-        ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
-        result = future.set(response ? object : JSON_RPC_Object_Ptr());
-        set_ = true;
-      }
-      // Woken with the lock still held, the waiter would only sleep again
-      // on it. The caller of handle_object holds this handler meanwhile.
-      ready_.broadcast();
+      int result = future.set(response ? object : JSON_RPC_Object_Ptr());
+      // The caller of handle_object holds this handler through the wake.
+      if (state_.exchange(SET) == SLEEPING)
+        futex(&state_, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr);
       return response && result == 0 ? 0 : -1;
     }
 
     int get(JSON_RPC_Object_Ptr& out, const ACE_Time_Value* deadline)
     {
-      {
-        ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
-        while (!set_)
-          if (ready_.wait(deadline) == -1)
-            return -1;
-      }
+      if (!wait_set(deadline))
+        return -1;
       return future.get(out, const_cast<ACE_Time_Value*>(deadline));
     }
 
     ACE_Future<JSON_RPC_Object_Ptr> future;
 
   private:
-    ACE_Thread_Mutex lock_;
-    ACE_Condition_Thread_Mutex ready_;
-    bool set_;
+    enum
+    {
+      PENDING,
+      SLEEPING,
+      SET
+    };
+
+    // False with errno ETIME once deadline (absolute, null: none) passed.
+    bool wait_set(const ACE_Time_Value* deadline)
+    {
+      Spin_Wait spin(waiters);
+      std::chrono::steady_clock::duration limit = Spin_Wait::spin_time;
+      if (deadline)
+      {
+        ACE_Time_Value left = *deadline - ACE_OS::gettimeofday();
+        limit = std::chrono::microseconds(left < ACE_Time_Value::zero ? 0 : left.sec() * 1000000 + left.usec());
+      }
+      if (spin.spin([this] { return state_.load() == SET; }, limit))
+        return true;
+      struct timespec at;
+      if (deadline)
+      {
+        at.tv_sec = deadline->sec();
+        at.tv_nsec = deadline->usec() * 1000;
+      }
+      for (;;)
+      {
+        int state = state_.load();
+        if (state == SET)
+          return true;
+        if (state == PENDING && !state_.compare_exchange_strong(state, SLEEPING))
+          continue;
+        // Woken, interrupted or the flag moved on: look again.
+        if (futex(&state_, FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME, SLEEPING, deadline ? &at : nullptr) ==
+              -1 &&
+            errno == ETIMEDOUT && state_.load() != SET)
+        {
+          errno = ETIME;
+          return false;
+        }
+      }
+    }
+
+    std::atomic<int> state_;
   };
 
-  // Removes the pending entry on every way out of a call.
+  // Removes the pending entry on every way out of a call; id outlives it.
   struct Entry_Guard
   {
     explicit Entry_Guard(const json_spirit::Value& id) : id_(id) {}
     ~Entry_Guard() { JSON_RPC_Response_Map::instance()->remove(id_); }
-    json_spirit::Value id_;
+    const json_spirit::Value& id_;
   };
 
   bool wait(JSON_RPC_Future_Handler* handler, JSON_RPC_Object_Ptr& response, const ACE_Time_Value* deadline)

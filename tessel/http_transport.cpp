@@ -3,6 +3,7 @@
 // raise SIGPIPE and obey the session's time limits.
 
 #include "tessel/http_internal.h"
+#include "tessel/spin_wait.h"
 
 #include <ace/INET_Addr.h>
 #include <ace/Log_Msg.h>
@@ -18,6 +19,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -106,6 +108,9 @@ namespace
   }
 
   bool would_block(int e) { return e == EAGAIN || e == EWOULDBLOCK; }
+
+  // Threads of this process that wait in a read.
+  std::atomic<int> receivers(0);
 }
 
 void HTTP_Transport::read_timeout(int seconds)
@@ -174,9 +179,20 @@ int HTTP_Transport::send_raw(const iovec* iov, int count)
 
 ssize_t HTTP_Transport::recv_raw(void* buffer, size_t length)
 {
+  ssize_t n = -1;
+  Spin_Wait spin(receivers);
+  // An answer on its way is taken as it comes, without a sleep: the socket
+  // is looked at a few times before the blocking read.
+  if (spin.spin(
+        [&] {
+          n = ::recv(stream_.get_handle(), buffer, length, MSG_DONTWAIT);
+          return n >= 0 || !(would_block(errno) || errno == EINTR);
+        },
+        Spin_Wait::spin_time, 64))
+    return n;
   for (;;)
   {
-    ssize_t n = ::recv(stream_.get_handle(), buffer, length, 0);
+    n = ::recv(stream_.get_handle(), buffer, length, 0);
     if (n >= 0)
       return n;
     if (errno == EINTR)

@@ -1,4 +1,5 @@
 #include "tessel/thread_helper.h"
+#include "tessel/spin_wait.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/OS_NS_errno.h>
@@ -9,7 +10,6 @@
 #include <climits>
 #include <new>
 #include <pthread.h>
-#include <thread>
 
 namespace
 {
@@ -22,15 +22,6 @@ namespace
     // Linux limits thread names to 15 characters.
     if (!name.empty())
       pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
-  }
-
-  inline void cpu_relax()
-  {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    asm volatile("yield");
-#endif
   }
 }
 
@@ -156,19 +147,9 @@ bool Thread_Pool_Helper::spin()
   int idle = 0;
   if (!spinning_.compare_exchange_strong(idle, 1))
     return false;
-  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::now() + spin_time;
-  bool found;
-  for (unsigned int i = 1; !(found = queued_.load() > 0); ++i)
-  {
-    cpu_relax();
-    if (i % 64 == 0)
-    {
-      if (std::chrono::steady_clock::now() >= deadline)
-        break;
-      // A dispatching thread that waits for this core gets it.
-      std::this_thread::yield();
-    }
-  }
+  // A dispatching thread that waits for this core gets it.
+  bool found =
+    Spin_Wait::poll([this] { return queued_.load() > 0; }, std::chrono::steady_clock::now() + spin_time, 1, true);
   spinning_.store(0);
   return found;
 }
@@ -201,7 +182,7 @@ bool Thread_Pool_Helper::take(Task*& task)
       if (errno == ESHUTDOWN)
         return false;
       // Another worker was first.
-      cpu_relax();
+      Spin_Wait::pause();
       continue;
     }
     if (shut_.load())

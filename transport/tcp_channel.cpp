@@ -553,15 +553,13 @@ int TCP_Channel::send_object(JSON_RPC_Object_Ptr object)
     return -1;
   }
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
-  JSON_RPC_Writer writer;
-  return write_message([&](Output& out) { return writer.write(*object, out); });
+  return write_message([&](Output& out) { return writer_.write(*object, out); });
 }
 
 int TCP_Channel::send_generator(JSON_Generator& generator)
 {
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
-  JSON_RPC_Writer writer;
-  return write_message([&](Output& out) { return writer.write(generator, out); });
+  return write_message([&](Output& out) { return writer_.write(generator, out); });
 }
 
 yajl_gen_t* TCP_Channel::send_begin()

@@ -203,6 +203,8 @@ private:
   bool streaming_;
   int io_state_;
   JSON_RPC_Writer stream_writer_;
+  // Whole messages; kept, so that its generator serves them all.
+  JSON_RPC_Writer writer_;
   Output output_;
 
   ACE_Thread_Mutex forward_lock_;

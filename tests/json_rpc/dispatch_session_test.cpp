@@ -15,9 +15,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 namespace
 {
@@ -226,6 +229,53 @@ TEST_F(Session, EachCallGoesOutUnderAFreshIdAndLeavesNoEntry)
   EXPECT_EQ(json_spirit::str_type, req->id.type());
   EXPECT_EQ(req->id, response->id);
   EXPECT_EQ("pong", static_cast<JSON_RPC_Response&>(*response).result.get_str());
+  EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
+}
+
+TEST_F(Session, AnswersFromAnotherThreadWakeTheirOwnCallerEarlyOrLate)
+{
+  // Each request is answered by a thread of its own, some at once (while the
+  // caller may still be spinning), some once it has gone to sleep; several
+  // callers wait at the same time. Each gets the answer to its own request.
+  // A caller whose wake-up is lost sits out its 60-second limit, and the
+  // test runs past the time ctest gives it.
+  std::mutex lock;
+  std::vector<std::thread> answerers;
+  std::atomic<int> sent(0);
+  fake(channel_).on_send([&](JSON_RPC_Object_Ptr request) {
+    json_spirit::Value id = request->id;
+    int n = sent++;
+    std::lock_guard<std::mutex> guard(lock);
+    answerers.emplace_back([id, n] {
+      if (n % 2)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      JSON_RPC_Object* answer = result_of(id);
+      answer->id = id;
+      JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
+    });
+  });
+  std::atomic<int> answered(0);
+  auto caller = [&] {
+    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel_)};
+    for (int i = 0; i < 6; ++i)
+    {
+      JSON_RPC_Object_Ptr request = JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value());
+      JSON_RPC_Object_Ptr response;
+      if (session.request(request, response, 60) &&
+          static_cast<JSON_RPC_Response&>(*response).result == request->id)
+        ++answered;
+    }
+  };
+  caller();
+  std::vector<std::thread> callers;
+  for (int t = 0; t < 3; ++t)
+    callers.emplace_back(caller);
+  for (std::thread& t : callers)
+    t.join();
+  std::lock_guard<std::mutex> guard(lock);
+  for (std::thread& t : answerers)
+    t.join();
+  EXPECT_EQ(24, answered.load());
   EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
 }
 

@@ -149,6 +149,25 @@ TEST(JSON_RPC_Writer, RefusesAnUnknownTypeAfterClosingTheMap)
   EXPECT_TRUE(writer.write(odd, printer));
   EXPECT_TRUE(writer.write(odd, printer));
   EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"m\"}{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"m\"}", out);
+
+  // One given up half-way (a map and a key left open) leaves nothing behind
+  // for the next.
+  struct Half : JSON_Generator
+  {
+    bool generate(yajl_gen_t* gen) override
+    {
+      yajl_gen_map_open(gen);
+      yajl_gen_string(gen, reinterpret_cast<const unsigned char*>("k"), 1);
+      return false;
+    }
+    bool generate_i(YAJL_Gen&) override { return false; }
+  } half;
+  out.clear();
+  EXPECT_FALSE(writer.write(half, printer));
+  EXPECT_EQ("{\"k\"", out);
+  out.clear();
+  EXPECT_TRUE(writer.write(odd, printer));
+  EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null,\"method\":\"m\"}", out);
 }
 
 namespace

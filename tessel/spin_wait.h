@@ -1,0 +1,82 @@
+#ifndef TESSEL_SPIN_WAIT_H
+#define TESSEL_SPIN_WAIT_H
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+/// A short busy wait ahead of a sleep, for an answer that usually comes
+/// back within one round trip to a thread on another core. Waking a
+/// sleeping thread on an idle core costs tens of microseconds on virtual
+/// machines; a core that stays busy takes the wake-up at once. The spin is
+/// bounded (spin_time), and it does not yield: a yield gives the core to
+/// any thread that wants it for the rest of that thread's time slice,
+/// milliseconds that the waiter would lose while its answer is there.
+///
+/// Only a thread that waits alone spins: waiters counts the threads that
+/// wait on the same kind of answer, and with others waiting too the cores
+/// have other work to do.
+class Spin_Wait
+{
+public:
+  static constexpr std::chrono::microseconds spin_time{50};
+
+  /// Counts the calling thread among waiters until destroyed.
+  explicit Spin_Wait(std::atomic<int>& waiters) : waiters_(waiters), alone_(waiters.fetch_add(1) == 0) {}
+  ~Spin_Wait() { waiters_.fetch_sub(1); }
+  Spin_Wait(const Spin_Wait&) = delete;
+  Spin_Wait& operator=(const Spin_Wait&) = delete;
+
+  /// One pause of a busy wait: kinder to the sibling hyperthread and the
+  /// memory bus than a bare loop.
+  static void pause()
+  {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+  }
+
+  /// Polls ready() until it gives true (then true), for spin_time at most
+  /// and never past limit from now (then false); false at once when other
+  /// threads wait as well. pauses is the number of pauses between two polls:
+  /// many for a look at memory, a few for a system call.
+  template <class Ready>
+  bool spin(Ready ready, std::chrono::steady_clock::duration limit = spin_time, unsigned int pauses = 1)
+  {
+    if (!alone_ || limit <= limit.zero())
+      return false;
+    return poll(ready, std::chrono::steady_clock::now() + std::min<std::chrono::steady_clock::duration>(limit, spin_time),
+                pauses, false);
+  }
+
+  /// The loop of a spin: ready() until it gives true or end has passed.
+  /// With yield, the core is offered to other threads now and then, so that
+  /// one that waits for it gets it.
+  template <class Ready>
+  static bool poll(Ready ready, std::chrono::steady_clock::time_point end, unsigned int pauses, bool yield)
+  {
+    for (unsigned int i = 1;; ++i)
+    {
+      if (ready())
+        return true;
+      for (unsigned int p = 0; p < pauses; ++p)
+        pause();
+      if (i * pauses % 64 < pauses)
+      {
+        if (std::chrono::steady_clock::now() >= end)
+          return false;
+        if (yield)
+          std::this_thread::yield();
+      }
+    }
+  }
+
+private:
+  std::atomic<int>& waiters_;
+  bool alone_;
+};
+
+#endif
