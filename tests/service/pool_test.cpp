@@ -25,15 +25,7 @@
 
 namespace
 {
-  JSON_RPC_Object_Ptr request(int id, JSON_RPC_Object::Type type = JSON_RPC_Object::TYPE_REQUEST)
-  {
-    JSON_RPC_Request* r = new JSON_RPC_Request;
-    r->type = type;
-    r->method = "probe";
-    r->id = id;
-    r->params = id;
-    return JSON_RPC_Object_Ptr(r);
-  }
+  JSON_RPC_Object_Ptr request(int id) { return make_message("probe", id, id); }
 
   // A request that counts its own destruction.
   class Counted_Request : public JSON_RPC_Request
@@ -51,9 +43,6 @@ namespace
   private:
     Counter& gone_;
   };
-
-  JSON_RPC_Channel_Strong_Ptr make_channel() { return JSON_RPC_Channel_Strong_Ptr(new Fake_Channel); }
-  Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& c) { return static_cast<Fake_Channel&>(*c); }
 
   // A channel that reports, as it dies, how many messages it was sent.
   class Watched_Channel : public Fake_Channel
@@ -301,7 +290,7 @@ TEST_F(Pool_Handler, EachKindOfMessageReachesItsCallback)
   error->id = 2;
   EXPECT_EQ(0, handler.handle_object_i(weak, JSON_RPC_Object_Ptr(response)));
   EXPECT_EQ(0, handler.handle_object_i(weak, JSON_RPC_Object_Ptr(error)));
-  EXPECT_EQ(0, handler.handle_object_i(weak, request(3, JSON_RPC_Object::TYPE_NOTIFICATION)));
+  EXPECT_EQ(0, handler.handle_object_i(weak, make_message("probe", 3)));
   EXPECT_EQ(1, handler.responses.value());
   EXPECT_EQ(1, handler.errors.value());
   EXPECT_EQ(1, handler.notified.value());

@@ -1,17 +1,16 @@
-// A JSON-RPC server over TCP for tests that need a second process.
+// A JSON-RPC server over TCP with Content-Length framing, for the peers
+// written elsewhere.
 //
-//   tcp_test_server [--ndjson] [--port N]
+//   tcp_test_server
 //
 // Prints "PORT <n>" once it listens, and runs until its standard input
 // ends or it gets SIGTERM or SIGINT. Methods:
 //   echo       answers with the params
 //   subscribe  subscribes the caller to the subjects in params (an array)
-//   hang       sends the caller a "hung" notification and never answers
-//   close.me   drops the caller's connection without an answer
 //   ping.me    a notification: calls "client.hello" back on the caller's
 //              connection from a thread of its own, with the params, and then
 //              sends "ping.result" {"ok": bool, "response": the answer}
-#include "tcp_test_support.h"
+#include "../support/fake_channel.h"
 
 #include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
@@ -19,13 +18,10 @@
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
 #include "transport/tcp_acceptor.h"
-#include "transport/tcp_channel.h"
 
 #include <ace/Log_Msg.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <mutex>
 #include <poll.h>
@@ -34,8 +30,6 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
-
-using tcp_test::notification;
 
 namespace
 {
@@ -81,7 +75,7 @@ namespace
       report["response"] = static_cast<const JSON_RPC_Response&>(*response).result;
     else if (ok)
       report["response"] = static_cast<const JSON_RPC_Response_Error&>(*response).message;
-    session.notify(notification("ping.result", report));
+    session.notify(make_message("ping.result", report));
   }
 
   void add(const char* name, Method method)
@@ -90,23 +84,8 @@ namespace
   }
 }
 
-int main(int argc, char** argv)
+int main()
 {
-  TCP_Options options;
-  unsigned short port = 0;
-  for (int i = 1; i < argc; ++i)
-  {
-    if (!std::strcmp(argv[i], "--ndjson"))
-      options.framing = TCP_Options::FRAMING_NDJSON;
-    else if (!std::strcmp(argv[i], "--port") && i + 1 < argc)
-      port = static_cast<unsigned short>(std::atoi(argv[++i]));
-    else
-    {
-      std::fprintf(stderr, "usage: %s [--ndjson] [--port N]\n", argv[0]);
-      return 2;
-    }
-  }
-
   // The signals are taken by signalfd, so no thread may receive them.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
@@ -129,13 +108,6 @@ int main(int argc, char** argv)
     JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
     return answer(c, r, true);
   });
-  add("hang", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
-    return c->send_object(notification("hung", r.params));
-  });
-  add("close.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request&) {
-    TCP_Channel::cast(c)->close();
-    return 0;
-  });
   add("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::lock_guard<std::mutex> guard(callers_mutex);
     callers.emplace_back(call_back, c, r.params);
@@ -143,7 +115,7 @@ int main(int argc, char** argv)
   });
 
   TCP_Acceptor acceptor;
-  if (acceptor.open(ACE_INET_Addr(port, "127.0.0.1"), options) == -1)
+  if (acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), TCP_Options()) == -1)
     return 1;
   std::printf("PORT %u\n", static_cast<unsigned>(acceptor.port()));
   std::fflush(stdout);
