@@ -35,28 +35,28 @@ namespace
   public:
     void SetUp() override
     {
-      add_handler("note", [](JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) { return ++notes, 0; });
+      add_handler("note", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&) { return ++notes, 0; });
       // Never answers.
-      add_handler("hang", [](JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) {
+      add_handler("hang", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
         std::lock_guard<std::mutex> guard(state_mutex);
-        hung_calls.emplace_back(channel, object->id);
+        hung_calls.emplace_back(JSON_RPC_Channel_Weak_Ptr(channel), request.id);
         return 0;
       });
       // Drops the connection the call came on, without an answer.
-      add_handler("close.me", [](JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr) {
-        close(JSON_RPC_Channel_Strong_Ptr(channel));
-        return 0;
+      add_handler("close.me", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request&) {
+        return close(channel), 0;
       });
       // Passes {"method": m, "params": p} on to the backend as a call of m,
       // under the caller's id; the response streams back by itself.
-      add_handler("relay", [](JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) {
-        const Object& in = as_request(object).params.get_obj();
+      add_handler("relay", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
+        const Object& in = request.params.get_obj();
         JSON_RPC_Channel_Strong_Ptr link;
         {
           std::lock_guard<std::mutex> guard(state_mutex);
           link = backend_link;
         }
-        return link->forward(channel, make_message(in.at("method").get_str(), in.at("params"), object->id));
+        return link->forward(JSON_RPC_Channel_Weak_Ptr(channel),
+                             make_message(in.at("method").get_str(), in.at("params"), request.id));
       });
     }
   };

@@ -10,7 +10,7 @@
 //   ping.me    a notification: calls "client.hello" back on the caller's
 //              connection from a thread of its own, with the params, and then
 //              sends "ping.result" {"ok": bool, "response": the answer}
-#include "../support/fake_channel.h"
+#include "tcp_test_support.h"
 
 #include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
@@ -31,35 +31,10 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace tcp_test;
+
 namespace
 {
-  typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Method;
-
-  class Handler : public JSON_RPC_Handler
-  {
-  public:
-    explicit Handler(Method m) : method_(std::move(m)) {}
-    int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
-    {
-      JSON_RPC_Channel_Strong_Ptr peer(channel);
-      if (peer.null())
-        return -1;
-      return method_(peer, static_cast<const JSON_RPC_Request&>(*object));
-    }
-
-  private:
-    Method method_;
-  };
-
-  int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
-  {
-    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
-      return 0;
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = std::move(result);
-    return channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   std::mutex callers_mutex;
   std::vector<std::thread> callers;
 
@@ -78,10 +53,6 @@ namespace
     session.notify(make_message("ping.result", report));
   }
 
-  void add(const char* name, Method method)
-  {
-    JSON_RPC_Request_Map::instance()->insert(name, "", new Handler(std::move(method)), nullptr);
-  }
 }
 
 int main()
@@ -100,15 +71,15 @@ int main()
   JSON_RPC_Notify_Manager::instance();
   JSON_RPC_Channel_Map::instance();
   JSON_RPC_Channel_Pool::instance();
-  add("echo", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) { return answer(c, r, r.params); });
-  add("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+  add_handler("echo", echo);
+  add_handler("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::vector<std::string> subjects;
     for (const json_spirit::Value& s : r.params.get_array())
       subjects.push_back(s.get_str());
     JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
     return answer(c, r, true);
   });
-  add("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+  add_handler("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::lock_guard<std::mutex> guard(callers_mutex);
     callers.emplace_back(call_back, c, r.params);
     return 0;

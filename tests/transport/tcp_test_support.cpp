@@ -11,29 +11,6 @@ namespace tcp_test
 {
   namespace
   {
-    class Function_Handler : public JSON_RPC_Handler
-    {
-    public:
-      explicit Function_Handler(Handler_Function f) : f_(std::move(f)) {}
-      int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
-      {
-        return f_(channel, object);
-      }
-
-    private:
-      Handler_Function f_;
-    };
-
-    int echo(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object)
-    {
-      JSON_RPC_Channel_Strong_Ptr peer(channel);
-      if (peer.null() || object->type != JSON_RPC_Object::TYPE_REQUEST)
-        return -1;
-      JSON_RPC_Response* response = new JSON_RPC_Response(&as_request(object));
-      response->result = as_request(object).params;
-      return peer->send_object(JSON_RPC_Object_Ptr(response));
-    }
-
     // The process-wide set-up every transport test needs: singletons made
     // before any thread, short back-off waits and one-second call limits.
     class Environment : public ::testing::Environment
@@ -49,7 +26,7 @@ namespace tcp_test
         JSON_RPC_Notify_Manager::instance();
         JSON_RPC_Channel_Map::instance();
         JSON_RPC_Channel_Pool::instance();
-        add_handler("echo", echo);
+        ASSERT_EQ(0, add_handler("echo", echo));
       }
 
       void TearDown() override
@@ -65,11 +42,6 @@ namespace tcp_test
     };
 
     ::testing::Environment* const environment = ::testing::AddGlobalTestEnvironment(new Environment);
-  }
-
-  void add_handler(const char* method, Handler_Function f)
-  {
-    ASSERT_EQ(0, JSON_RPC_Request_Map::instance()->insert(method, "", new Function_Handler(std::move(f)), nullptr));
   }
 
   JSON_RPC_Object_Ptr call(JSON_RPC_Channel_Strong_Ptr channel, const char* method, json_spirit::Value params,

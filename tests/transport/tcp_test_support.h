@@ -5,6 +5,7 @@
 #include "log_capture.h"
 #include "test_util.h"
 
+#include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
 #include "transport/tcp_acceptor.h"
 #include "transport/tcp_channel.h"
@@ -21,12 +22,45 @@ namespace tcp_test
     return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
   }
 
-  typedef std::function<int(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr)> Handler_Function;
+  typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Handler_Function;
+
+  /// Runs a function for each message of its method whose peer is there.
+  class Function_Handler : public JSON_RPC_Handler
+  {
+  public:
+    explicit Function_Handler(Handler_Function f) : f_(std::move(f)) {}
+    int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      JSON_RPC_Channel_Strong_Ptr peer(channel);
+      return peer.null() ? -1 : f_(peer, as_request(object));
+    }
+
+  private:
+    Handler_Function f_;
+  };
 
   /// Handlers are entered before any transport thread runs: the request map
-  /// has no lock. Every test binary has "echo", which answers a request with
-  /// its params.
-  void add_handler(const char* method, Handler_Function f);
+  /// has no lock.
+  inline int add_handler(const char* method, Handler_Function f)
+  {
+    return JSON_RPC_Request_Map::instance()->insert(method, "", new Function_Handler(std::move(f)), nullptr);
+  }
+
+  /// Answers a request with result; a notification gets nothing.
+  inline int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
+  {
+    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
+      return 0;
+    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
+    response->result = std::move(result);
+    return channel->send_object(JSON_RPC_Object_Ptr(response));
+  }
+
+  /// Every test binary has "echo": it answers with the params.
+  inline int echo(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request)
+  {
+    return answer(channel, request, request.params);
+  }
 
   /// A call through JSON_RPC_Session that is expected to be answered.
   JSON_RPC_Object_Ptr call(JSON_RPC_Channel_Strong_Ptr channel, const char* method, json_spirit::Value params,
