@@ -295,9 +295,6 @@ TEST_F(Registers, ResponseMapKeysByValueAndKeepsHeldHandlersAlive)
   int alive = 0;
   auto* map = JSON_RPC_Response_Map::instance();
   JSON_RPC_Handler_Ptr first(new Counting_Handler(&alive)), second(new Counting_Handler(&alive));
-  EXPECT_EQ(0, first->init(0, nullptr));
-  EXPECT_EQ(0, first->fini());
-  EXPECT_FALSE(first->silent());
   EXPECT_EQ(0, map->insert(json_spirit::Value(5), first));
   EXPECT_EQ(-1, map->insert(json_spirit::Value(5), second));
   EXPECT_EQ(0, map->insert(json_spirit::Value("5"), second)); // a string is another key

@@ -295,17 +295,6 @@ public:
     return true;
   }
 
-  /// "address:port" of this end.
-  std::string local_addr() const
-  {
-    sockaddr_in sa = {};
-    socklen_t length = sizeof sa;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &length);
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &sa.sin_addr, text, sizeof text);
-    return std::string(text) + ":" + std::to_string(ntohs(sa.sin_port));
-  }
-
   /// What was read and not yet taken.
   std::string in;
   /// Set when a read gave up at the bound rather than at the end.
