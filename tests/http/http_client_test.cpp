@@ -59,9 +59,12 @@ TEST(HTTP_Headers, KeepAliveChunkedAndValueMatching)
   r.content_length(12345678901ull);
   EXPECT_EQ(12345678901ull, r.content_length());
   EXPECT_TRUE(r.keep_alive());
+  r.keep_alive(false);
+  EXPECT_FALSE(r.keep_alive());
   r.headers().put(HTTP_Headers::CONNECTION, "Upgrade");
   EXPECT_FALSE(r.keep_alive());
   r.chunked(true);
+  EXPECT_TRUE(r.chunked());
   r.chunked(false);
   EXPECT_EQ(nullptr, r.headers().get(HTTP_Headers::TRANSFER_ENCODING));
   HTTP_Response response;
@@ -69,6 +72,9 @@ TEST(HTTP_Headers, KeepAliveChunkedAndValueMatching)
   EXPECT_FALSE(response.keep_alive());
   response.headers().put(HTTP_Headers::CONNECTION, "keep-alive, Upgrade");
   EXPECT_TRUE(response.keep_alive());
+  response.reset();
+  EXPECT_EQ(1, response.minor_version());
+  EXPECT_EQ(0u, response.headers().size());
 
   EXPECT_TRUE(http_header_value_match("application/json; charset=utf-8", "application/json", ';'));
   EXPECT_TRUE(http_header_value_match("Keep-Alive, Upgrade", "upgrade", ','));

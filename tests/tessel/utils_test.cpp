@@ -26,6 +26,12 @@ TEST(Exponential_Backoff_Iterator, DoublesUpToTheCeilingCumulatesAndEnds)
   // A first wait above the ceiling is cut to it.
   EXPECT_EQ((std::vector<unsigned int>{10, 10}), waits(Exponential_Backoff_Iterator(90, 2, 10, true), 10));
 
+  // What was waited counts the ceiling, not the doubling.
+  Exponential_Backoff_Iterator ceiling(1, 4294967295u, 60, true);
+  for (int i = 0; i < 9; ++i)
+    ++ceiling;
+  EXPECT_EQ(1u + 2 + 4 + 8 + 16 + 32 + 60 * 3, ceiling.cumulation());
+
   const Exponential_Backoff_Iterator end;
   EXPECT_FALSE(end != Exponential_Backoff_Iterator());
   EXPECT_FALSE(Exponential_Backoff_Iterator(1, 0, 60, true) != end);
