@@ -255,45 +255,40 @@ TEST(Reader_Forwarding, ARequesterThatIsGoneCostsOneLineAndNothingIsWritten)
 
 TEST(Reader_Forwarding, TheEndOfAForwardAndItsFailures)
 {
+  // How the requester or its lock fails, whether the read still succeeds,
+  // the one line logged ("" for none), and the text the requester got.
+  struct Case
   {
+    int end_result, state;
+    bool fail_acquire, fail_release, ok;
+    const char* line;
+    const char* text;
+  };
+  const Case cases[] = {
     // A channel that reports its own closing (7) needs no line of ours.
-    Log_Capture log;
-    Forward_Setup f;
-    f.expect(5, 9);
-    f.requester->end_result = -1;
-    f.requester->state = 7;
-    EXPECT_TRUE(f.read("{\"id\":5,\"result\":1}"));
-    EXPECT_TRUE(log.empty()) << log.text();
-    EXPECT_EQ(1, f.lock.released);
-  }
+    {-1, 7, false, false, true, "", "{\"id\":9,\"result\":1}"},
+    {-1, 3, false, false, false, "Failed to forward response: failed to send end to channel.\n",
+     "{\"id\":9,\"result\":1}"},
+    {0, 0, true, false, false, "Failed to lock request channel, errno=35, ", ""},
+    {0, 0, false, true, true, "Failed to release request channel, errno=1, ", "{\"id\":9,\"result\":1}"},
+  };
+  for (const Case& c : cases)
   {
+    SCOPED_TRACE(c.line);
     Log_Capture log;
     Forward_Setup f;
     f.expect(5, 9);
-    f.requester->end_result = -1;
-    f.requester->state = 3;
-    EXPECT_FALSE(f.read("{\"id\":5,\"result\":1}"));
-    EXPECT_TRUE(log.contains("Failed to forward response: failed to send end to channel.\n")) << log.text();
-    EXPECT_EQ(1, f.lock.released);
-    EXPECT_TRUE(f.reader.request_channel().null());
-  }
-  {
-    Log_Capture log;
-    Forward_Setup f;
-    f.expect(5, 9);
-    f.lock.fail_acquire = true;
-    EXPECT_FALSE(f.read("{\"id\":5,\"result\":1}"));
-    EXPECT_EQ(1u, log.count("Failed to lock request channel, errno=35, ")) << log.text();
-    EXPECT_EQ(0, f.requester->begun);
-  }
-  {
-    Log_Capture log;
-    Forward_Setup f;
-    f.expect(5, 9);
-    f.lock.fail_release = true;
-    EXPECT_TRUE(f.read("{\"id\":5,\"result\":1}"));
-    EXPECT_EQ(1u, log.count("Failed to release request channel, errno=1, ")) << log.text();
-    EXPECT_EQ("{\"id\":9,\"result\":1}", f.requester->text);
+    f.requester->end_result = c.end_result;
+    f.requester->state = c.state;
+    f.lock.fail_acquire = c.fail_acquire;
+    f.lock.fail_release = c.fail_release;
+    EXPECT_EQ(c.ok, f.read("{\"id\":5,\"result\":1}"));
+    EXPECT_EQ(*c.line ? 1u : 0u, log.count(c.line)) << log.text();
+    EXPECT_EQ(*c.line == 0, log.empty()) << log.text();
+    EXPECT_EQ(c.text, f.requester->text);
+    EXPECT_EQ(c.fail_acquire ? 0 : 1, f.requester->begun);
+    EXPECT_EQ(c.fail_acquire || c.fail_release ? 0 : 1, f.lock.released);
+    EXPECT_TRUE(c.state != 3 || f.reader.request_channel().null());
   }
   for (bool refuse_begin : {true, false})
   {

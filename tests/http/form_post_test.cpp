@@ -37,20 +37,6 @@ TEST(Form_Post, EncodesPairsInNameOrder)
   EXPECT_EQ("application/json", seen[1].headers["accept"]);
 }
 
-TEST(Form_Post, JsonServerTakesTheForm)
-{
-  Node_Peer rest("rest_server.js");
-  HTTP_Session_Ptr session = local_session(rest.port());
-  HTTP_Request request(HTTP_Request::METHOD_POST, "/items");
-  HTTP_Response response;
-  Value out;
-  std::map<std::string, std::string> form = {{"name", "from a form"}, {"kind", "a&b=c"}};
-  ASSERT_TRUE(http_post_urlencoded_form(session, request, form, response, &out));
-  EXPECT_EQ(201, response.status());
-  EXPECT_EQ("from a form", out.get_obj().at("name").get_str());
-  EXPECT_EQ("a&b=c", out.get_obj().at("kind").get_str());
-}
-
 TEST(Form_Post, OneAttemptAndNoStatusOrTypeTest)
 {
   Scripted_Server server({Reply::json(500, "{\"e\":1}", "text/html"), Reply::json(204, ""), Reply::json(204, ""),

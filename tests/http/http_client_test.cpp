@@ -6,10 +6,8 @@
 #include "json_spirit/json_spirit_reader.h"
 #include "tessel/http_uri_map.h"
 
-#include <ace/SSL/SSL_Context.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <thread>
 
 namespace
@@ -55,7 +53,7 @@ TEST(HTTP_Headers, NamesIgnoreCaseAndRefuseLineBreaks)
   EXPECT_STREQ("Connection", HTTP_Headers::name(8));
 }
 
-TEST(HTTP_Headers, AccessorsOfRequestsAndResponses)
+TEST(HTTP_Headers, KeepAliveChunkedAndValueMatching)
 {
   HTTP_Request r(HTTP_Request::METHOD_POST, "/x");
   r.content_length(12345678901ull);
@@ -272,37 +270,12 @@ TEST(HTTP_Client, SessionHeadersAndCookiesGoWithLaterRequests)
   EXPECT_EQ(0u, session->cookie_count());
 }
 
-TEST(HTTP_Client, KeepsTheCookieOfARealServer)
-{
-  Node_Peer rest("rest_server.js");
-  HTTP_Session_Ptr session = local_session(rest.port());
-  HTTP_Response response;
-  EXPECT_NE("<failed>", fetch(session, "/__login", response));
-  EXPECT_EQ(1u, session->cookie_count()) << "express's cookie of Max-Age 0 is dropped";
-  EXPECT_NE("<failed>", fetch(session, "/items", response));
-  json_spirit::Value last;
-  ASSERT_TRUE(json_spirit::read_string(fetch(session, "/__requests", response), last));
-  EXPECT_EQ("sid=abc123", last.get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
-}
-
-namespace
-{
-  ACE_SSL_Context* trusting(const std::string& certificate)
-  {
-    ACE_SSL_Context* context = new ACE_SSL_Context;
-    context->set_mode(ACE_SSL_Context::SSLv23_client);
-    context->load_trusted_ca(certificate.c_str());
-    return context;
-  }
-}
-
 TEST(HTTP_Client, TLSKeepsOneConnectionAndChecksTheCertificate)
 {
   Nginx_Peer nginx;
   nginx.serve("doc.json", "{\"tls\":true}");
   std::unique_ptr<ACE_SSL_Context> context(trusting(nginx.certificate()));
-  HTTP_Session_Ptr session = HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, nullptr, 3,
-                                                          context.get(), false, 10, 10, 0, 0);
+  HTTP_Session_Ptr session = tls_session(nginx.port(), context.get());
   ASSERT_TRUE(session.get());
   for (int i = 0; i < 5; ++i)
   {
@@ -326,17 +299,11 @@ TEST(HTTP_Client, TLSKeepsOneConnectionAndChecksTheCertificate)
   EXPECT_FALSE(untrusting->begin_request(request).get());
   EXPECT_TRUE(capture.contains("TLS handshake with 127.0.0.1 failed: self-signed certificate")) << capture.text();
 
-  HTTP_Session_Ptr wrong_name = HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, "example.com", 3,
-                                                             context.get(), false, 10, 10, 0, 0);
-  EXPECT_FALSE(wrong_name->begin_request(request).get());
-
-  HTTP_Session_Ptr by_name = HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, "localhost", 3,
-                                                          context.get(), false, 10, 10, 0, 0);
+  EXPECT_FALSE(tls_session(nginx.port(), context.get(), "example.com")->begin_request(request).get());
   HTTP_Response response;
-  EXPECT_EQ("{\"tls\":true}", fetch(by_name, "/doc.json", response));
+  EXPECT_EQ("{\"tls\":true}", fetch(tls_session(nginx.port(), context.get(), "localhost"), "/doc.json", response));
 
-  HTTP_Session_Ptr anyone = HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, nullptr, 3, nullptr, true,
-                                                         10, 10, 0, 0);
+  HTTP_Session_Ptr anyone = tls_session(nginx.port(), nullptr);
   EXPECT_EQ("{\"tls\":true}", fetch(anyone, "/doc.json", response));
   // A Secure cookie is kept over TLS.
   EXPECT_EQ("{\"ok\":true}", fetch(anyone, "/cookie", response));
@@ -347,8 +314,7 @@ TEST(HTTP_Client, AConnectionTheServerClosedIsReplacedQuietly)
 {
   Nginx_Peer nginx(0, 1);
   nginx.serve("a.json", "[1]");
-  HTTP_Session_Ptr session =
-    HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, nullptr, 3, nullptr, true, 10, 10, 0, 0);
+  HTTP_Session_Ptr session = tls_session(nginx.port(), nullptr);
   HTTP_Response response;
   EXPECT_EQ("[1]", fetch(session, "/a.json", response));
   std::this_thread::sleep_for(std::chrono::milliseconds(2500));
@@ -356,8 +322,7 @@ TEST(HTTP_Client, AConnectionTheServerClosedIsReplacedQuietly)
   EXPECT_EQ(2ul, session->connections_opened());
 
   // The limits of the session close connections before the server does.
-  HTTP_Session_Ptr counted =
-    HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, nullptr, 3, nullptr, true, 10, 10, 0, 2);
+  HTTP_Session_Ptr counted = tls_session(nginx.port(), nullptr, nullptr, 2);
   for (int i = 0; i < 5; ++i)
     EXPECT_EQ("[1]", fetch(counted, "/a.json", response));
   EXPECT_EQ(3ul, counted->connections_opened());
@@ -368,7 +333,7 @@ TEST(HTTP_Client, RedirectAndFileMapsSendURIsElsewhere)
   Scripted_Server first({Reply::json(200, "{\"from\":1}")});
   Scripted_Server second({Reply::json(200, "{\"from\":2}")});
   Temp_Dir dir;
-  std::ofstream(dir.file("local.json")) << "{\"from\":\"file\"}";
+  dir.write("local.json", "{\"from\":\"file\"}");
   HTTP_Redirect_URI_Map* redirects = HTTP_Redirect_URI_Map::instance();
   HTTP_File_URI_Map* files = HTTP_File_URI_Map::instance();
   redirects->bind("/old", "/new?x=1");
@@ -397,9 +362,8 @@ TEST(HTTP_Client, RedirectAndFileMapsSendURIsElsewhere)
   ASSERT_EQ(0, c->read_response(response));
   EXPECT_EQ("{\"from\":1}", read_all(*c, 4096));
 
-  redirects->unbind("/old");
-  redirects->unbind("/away");
-  redirects->unbind("/bad");
+  for (const char* uri : {"/old", "/away", "/bad"})
+    redirects->unbind(uri);
   files->unbind("/local");
   files->unbind("/missing");
   std::vector<Scripted_Request> seen = first.requests_copy();

@@ -3,10 +3,12 @@
 #include "peers.h"
 #include "scripted_server.h"
 
+#include "json_rpc/json_form_post.h"
 #include "json_rpc/json_restful_client.h"
 
 #include <gtest/gtest.h>
 
+using json_spirit::Object;
 using json_spirit::Value;
 
 namespace
@@ -34,7 +36,7 @@ namespace
   };
 }
 
-TEST(JSON_RESTful_Client, GetPostPutDeleteAgainstJsonServer)
+TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
 {
   Node_Peer rest("rest_server.js");
   JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
@@ -79,30 +81,42 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteAgainstJsonServer)
   log.clear();
   EXPECT_FALSE(client.del(("/items/" + id).c_str()));
   EXPECT_FALSE(log.contains("status=404"));
-}
 
-TEST(JSON_RESTful_Client, StreamsOrBuffersTheBodyAsAsked)
-{
-  Node_Peer rest("rest_server.js");
-  JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
-  Value body = parse_json("{\"name\":\"b\"}");
+  // The body goes out chunked as it is made, or buffered with its length.
   Value out;
   ASSERT_TRUE(client.post("/items", &body, &out));
-  Value last = server_log(client).get_obj().at("last").get_obj().at("headers");
-  EXPECT_EQ("chunked", last.get_obj().at("transfer-encoding").get_str());
-  EXPECT_EQ(0u, last.get_obj().count("content-length"));
-
+  Object last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  EXPECT_EQ("chunked", last.at("transfer-encoding").get_str());
+  EXPECT_EQ(0u, last.count("content-length"));
   client.streaming(false);
-  ASSERT_TRUE(client.post("/items", &body, &out));
-  last = server_log(client).get_obj().at("last").get_obj().at("headers");
-  EXPECT_EQ("12", last.get_obj().at("content-length").get_str());
-  EXPECT_EQ("application/json", last.get_obj().at("content-type").get_str());
-  EXPECT_EQ(0u, last.get_obj().count("transfer-encoding"));
-
-  // GET never says chunked; a null body says only what streaming implies.
+  ASSERT_TRUE(client.post("/items", &changed, &out));
+  last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  EXPECT_EQ("18", last.at("content-length").get_str());
+  EXPECT_EQ("application/json", last.at("content-type").get_str());
+  EXPECT_EQ(0u, last.count("transfer-encoding"));
+  // GET never says chunked.
   client.streaming(true);
   ASSERT_TRUE(client.get("/items/1", &out));
   EXPECT_EQ(0u, server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
+
+  // A form, encoded as express decodes it.
+  HTTP_Session_Ptr session = local_session(rest.port());
+  HTTP_Request form_request(HTTP_Request::METHOD_POST, "/items");
+  std::map<std::string, std::string> form = {{"name", "from a form"}, {"kind", "a&b=c +%"}};
+  ASSERT_TRUE(http_post_urlencoded_form(session, form_request, form, response, &out));
+  EXPECT_EQ(201, response.status());
+  EXPECT_EQ("from a form", out.get_obj().at("name").get_str());
+  EXPECT_EQ("a&b=c +%", out.get_obj().at("kind").get_str());
+
+  // express's cookies: the one of Max-Age 0 is dropped, the other sent.
+  HTTP_Request login(HTTP_Request::METHOD_GET, "/__login");
+  HTTP_Connection_Ptr connection = session->begin_request(login);
+  ASSERT_TRUE(connection.get());
+  ASSERT_EQ(0, connection->read_response(response));
+  read_all(*connection, 4096);
+  EXPECT_EQ(1u, session->cookie_count());
+  ASSERT_TRUE(JSON_RESTful_Client(session, true).get("/items", &out));
+  EXPECT_EQ("sid=abc123", server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
 }
 
 TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)

@@ -68,9 +68,7 @@ TEST(Streaming, A64MBResponseIsParsedPieceByPiece)
       out << (i ? "," : "") << item;
     out << "]";
   }
-  HTTP_Session_Ptr session =
-    HTTP_Session_Factory::create("127.0.0.1", nginx.port(), true, nullptr, 3, nullptr, true, 10, 120, 0, 0);
-  JSON_RESTful_Client client(session, true);
+  JSON_RESTful_Client client(tls_session(nginx.port(), nullptr, nullptr, 0, 120), true);
   Value out;
   long long before = peak_rss();
   ASSERT_TRUE(client.get("/big.json", &out));

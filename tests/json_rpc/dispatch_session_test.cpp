@@ -24,17 +24,9 @@
 
 namespace
 {
-  Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& p) { return static_cast<Fake_Channel&>(*p); }
-
   JSON_RPC_Object_Ptr request(const std::string& method, bool notification = false)
   {
-    JSON_RPC_Request* r = new JSON_RPC_Request;
-    r->method = method;
-    if (notification)
-      r->type = JSON_RPC_Object::TYPE_NOTIFICATION;
-    else
-      r->id = json_spirit::Value(11);
-    return JSON_RPC_Object_Ptr(r);
+    return make_message(method, json_spirit::Value(), notification ? json_spirit::Value() : json_spirit::Value(11));
   }
 
   struct Recording_Handler : JSON_RPC_Handler
@@ -55,7 +47,7 @@ namespace
   protected:
     void SetUp() override
     {
-      channel_ = JSON_RPC_Channel_Strong_Ptr(new Fake_Channel(3, "peer", 5555));
+      channel_ = make_channel(3, "peer", 5555);
       handler_ = new Recording_Handler(7);
       quiet_ = new Recording_Handler(-1, true);
       JSON_RPC_Request_Map::instance()->insert("m", "", handler_, nullptr);
@@ -105,12 +97,7 @@ TEST_F(Dispatch, DebugLineNamesTheAddressOrTheMethodAloneForAGonePeer)
   fake(channel_).id("");
   dispatch(request("m"));
   EXPECT_TRUE(log.contains("127.0.0.1:5555 called JSON-RPC 'm'.\n"));
-  JSON_RPC_Channel_Weak_Ptr gone;
-  {
-    JSON_RPC_Channel_Strong_Ptr c(new Fake_Channel);
-    gone = c;
-  }
-  JSON_RPC_Dispatcher::instance()->dispatch(gone, request("m"));
+  JSON_RPC_Dispatcher::instance()->dispatch(gone_channel(), request("m"));
   EXPECT_TRUE(log.contains("JSON-RPC 'm' is called.\n"));
 }
 
@@ -126,26 +113,16 @@ TEST_F(Dispatch, UnknownMethodIsAnsweredWithMethodNotFound)
   EXPECT_EQ("Method not found", e.message);
   EXPECT_EQ(11, e.id.get_int());
   EXPECT_TRUE(e.data.is_null());
-  // The send's failure is the result.
+  // The send's failure is the result; a peer that is gone gets nothing.
   fake(channel_).fail(true);
   EXPECT_EQ(-1, dispatch(request("nope")));
-}
-
-TEST_F(Dispatch, UnknownMethodFromAGonePeerSendsNothing)
-{
-  Log_Capture log;
-  JSON_RPC_Channel_Weak_Ptr gone;
-  {
-    JSON_RPC_Channel_Strong_Ptr c(new Fake_Channel);
-    gone = c;
-  }
-  EXPECT_EQ(-1, JSON_RPC_Dispatcher::instance()->dispatch(gone, request("nope")));
+  EXPECT_EQ(-1, JSON_RPC_Dispatcher::instance()->dispatch(gone_channel(), request("nope")));
   EXPECT_TRUE(log.contains("JSON-RPC requester is gone.\n"));
 }
 
 TEST_F(Dispatch, UnhandledNotificationIsPublishedAndGivesMinusOne)
 {
-  JSON_RPC_Channel_Strong_Ptr sub(new Fake_Channel), star(new Fake_Channel), global(new Fake_Channel);
+  JSON_RPC_Channel_Strong_Ptr sub = make_channel(), star = make_channel(), global = make_channel();
   JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(sub), {"event"});
   JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(star), {"*"});
   Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr(global));
@@ -180,12 +157,10 @@ namespace
   // the caller starts to wait.
   void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
   {
-    JSON_RPC_Channel* self = &channel;
-    channel.on_send([self, make](JSON_RPC_Object_Ptr sent) {
+    channel.on_send([make](JSON_RPC_Object_Ptr sent) {
       if (JSON_RPC_Object* answer = make(*sent))
       {
         answer->id = sent->id;
-        (void)self;
         JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
       }
     });
@@ -311,12 +286,7 @@ TEST_F(Session, FailuresLogTheirLineAndLeaveNoEntry)
   EXPECT_TRUE(response.null());
   EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
 
-  JSON_RPC_Channel_Weak_Ptr gone;
-  {
-    JSON_RPC_Channel_Strong_Ptr c(new Fake_Channel);
-    gone = c;
-  }
-  JSON_RPC_Session orphan(gone);
+  JSON_RPC_Session orphan(gone_channel());
   log.clear();
   EXPECT_FALSE(orphan.request(JSON_RPC_Session::make_rpc_request("x", json_spirit::Value()), response, 5));
   EXPECT_FALSE(orphan.notify(request("n", true)));
@@ -429,6 +399,14 @@ TEST_F(Session, CallHelpersRepeatOnlyUnansweredCallsAndCheckTheResultType)
   EXPECT_TRUE(global_json_rpc("num", json_spirit::Value(), -1, nullptr, json_spirit::str_type, 5));
   EXPECT_TRUE(global_json_rpc("num", json_spirit::Value(), -1, &result, json_spirit::int_type, 5));
   EXPECT_EQ(42, result.get_int());
+
+  // A send that fails is repeated too, each failure with its line.
+  log.clear();
+  fake(channel_).fail(true);
+  EXPECT_FALSE(global_json_rpc("down", json_spirit::Value(), -1, nullptr, json_spirit::null_type, 2));
+  EXPECT_EQ(3u, log.count("Failed to send request to channel"));
+  EXPECT_TRUE(log.contains("Retry(2) "));
+  EXPECT_TRUE(log.contains("JSON-RPC 'down' failed after 2 retries.\n"));
   EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
 }
 
@@ -446,7 +424,7 @@ TEST_F(Session, CallHelpersRefuseBadArgumentsAtOnce)
   EXPECT_FALSE(log.contains("Retry("));
 
   // An agent is found by type 1 and its id.
-  JSON_RPC_Channel_Strong_Ptr agent(new Fake_Channel(1, "agent-uuid"));
+  JSON_RPC_Channel_Strong_Ptr agent = make_channel(1, "agent-uuid");
   JSON_RPC_Channel_Map::instance()->insert(agent);
   answer_with(fake(agent), [](const JSON_RPC_Object&) { return result_of(json_spirit::Value("ok")); });
   json_spirit::Value result;

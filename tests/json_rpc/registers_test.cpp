@@ -14,28 +14,7 @@
 
 namespace
 {
-  JSON_RPC_Channel_Strong_Ptr make_channel(int type = 0, const std::string& id = "", unsigned short port = 4000)
-  {
-    return JSON_RPC_Channel_Strong_Ptr(new Fake_Channel(type, id, port));
-  }
-
-  Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& p) { return static_cast<Fake_Channel&>(*p); }
-
-  JSON_RPC_Object_Ptr notification(const std::string& method)
-  {
-    JSON_RPC_Request* r = new JSON_RPC_Request;
-    r->type = JSON_RPC_Object::TYPE_NOTIFICATION;
-    r->method = method;
-    return JSON_RPC_Object_Ptr(r);
-  }
-
-  std::vector<std::string> methods(const Fake_Channel& c)
-  {
-    std::vector<std::string> out;
-    for (const auto& o : c.sent())
-      out.push_back(as_request(o).method);
-    return out;
-  }
+  JSON_RPC_Object_Ptr notification(const std::string& method) { return make_message(method); }
 
   // Each test starts with fresh registers and no global channel.
   class Registers : public ::testing::Test
@@ -105,13 +84,13 @@ TEST_F(Registers, ANewerChannelUnderTheSameKeySurvivesTheRemovalOfTheOld)
   auto old_channel = make_channel(1, "agent"), new_channel = make_channel(1, "agent");
   map->insert(old_channel);
   map->insert(new_channel);
-  EXPECT_EQ((std::vector<std::string>{"channel.registered", "channel.registered"}), methods(fake(watcher)));
+  EXPECT_EQ((std::vector<std::string>{"channel.registered", "channel.registered"}), fake(watcher).methods());
   EXPECT_EQ(0, map->remove(old_channel));
   EXPECT_EQ(2u, fake(watcher).count());
   EXPECT_EQ(new_channel.get(), JSON_RPC_Channel_Strong_Ptr(map->find(1, "agent")).get());
   // Removing by key works even for a key never registered, and is announced.
   EXPECT_EQ(0, map->remove(9, "ghost"));
-  EXPECT_EQ("channel.unregistered", methods(fake(watcher)).back());
+  EXPECT_EQ("channel.unregistered", fake(watcher).methods().back());
   EXPECT_EQ(0, map->remove(JSON_RPC_Channel_Strong_Ptr()));
 }
 
@@ -160,7 +139,7 @@ TEST_F(Registers, ChannelMapNotifySendsToLivingChannelsAndOnlyToStringIds)
   EXPECT_EQ(0, map->notify(3, std::vector<json_spirit::Value>{json_spirit::Value(42), json_spirit::Value("b"),
                                                              json_spirit::Value("b")},
                            notification("listed")));
-  EXPECT_EQ((std::vector<std::string>{"all", "one", "listed", "listed"}), methods(fake(b)));
+  EXPECT_EQ((std::vector<std::string>{"all", "one", "listed", "listed"}), fake(b).methods());
   EXPECT_EQ(1u, fake(c).count());
 }
 
@@ -316,9 +295,6 @@ TEST_F(Registers, ResponseMapKeysByValueAndKeepsHeldHandlersAlive)
   int alive = 0;
   auto* map = JSON_RPC_Response_Map::instance();
   JSON_RPC_Handler_Ptr first(new Counting_Handler(&alive)), second(new Counting_Handler(&alive));
-  EXPECT_EQ(0, first->init(0, nullptr));
-  EXPECT_EQ(0, first->fini());
-  EXPECT_FALSE(first->silent());
   EXPECT_EQ(0, map->insert(json_spirit::Value(5), first));
   EXPECT_EQ(-1, map->insert(json_spirit::Value(5), second));
   EXPECT_EQ(0, map->insert(json_spirit::Value("5"), second)); // a string is another key

@@ -1,6 +1,5 @@
 #include "json_spirit/json_spirit.h"
 
-#include "big_text.h"
 #include "log_capture.h"
 
 #include <gtest/gtest.h>
@@ -86,24 +85,4 @@ TEST(Nesting, AMillionLevelDeepValueIsDestroyedAndNotWritten)
   ASSERT_EQ(json_spirit::array_type, v.type());
   v = Value();
   v = deep_value(million);
-}
-
-TEST(Big_String, AHundredMegabyteStringReadInPiecesAndWrittenBack)
-{
-  // Escapes and a two-byte character, so that pieces cut through them.
-  const Big_Text text{"[\"", "0123456789 caf\xc3\xa9 \\\"quoted\\\" \\\\ \\n ", "\"]", 3100000};
-  Value v;
-  JSON_Reader reader;
-  ASSERT_TRUE(reader.open());
-  reader.result(&v);
-  ASSERT_TRUE(text.feed(65536, [&](char const* data, unsigned long long n) { return reader.read(data, n); }));
-  ASSERT_TRUE(reader.read(nullptr, 0));
-  ASSERT_EQ(json_spirit::array_type, v.type());
-  EXPECT_EQ(text.repeat * 30, v.get_array()[0].get_str().size());
-  EXPECT_EQ("0123456789 caf\xc3\xa9 \"quoted\" \\ \n 0", v.get_array()[0].get_str().substr(0, 31));
-
-  Big_Text_Checker checker(text);
-  EXPECT_TRUE(JSON_Writer().write(v, checker));
-  EXPECT_TRUE(checker.matches()) << "printed " << checker.printed() << ", first difference at "
-                                 << checker.first_difference();
 }

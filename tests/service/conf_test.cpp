@@ -1,6 +1,5 @@
 // Handler configuration files: each bad record or file leaves one log line
 // and nothing behind, and the service serves what was good.
-#include "log_capture.h"
 #include "service_support.h"
 #include "test_state.h"
 
@@ -24,12 +23,6 @@ namespace
 {
   const std::string dll = TEST_HANDLERS_DLL;
 
-  std::string handler(const std::string& method, const std::string& init, const std::string& params = "",
-                      const std::string& library = dll)
-  {
-    return record(method, init, params, library);
-  }
-
   bool library_loaded()
   {
     void* handle = dlopen(dll.c_str(), RTLD_NOW | RTLD_NOLOAD);
@@ -49,14 +42,14 @@ namespace
 TEST_F(Service_Conf, EachBadRecordOrFileLeavesOneLineAndTheRestIsServed)
 {
   std::string handlers = dir.write(
-    "handlers.json", "[" + handler("echo", "make_tagged", "first") + ",\n" +
-                       handler("no.library", "make_tagged", "", "/nonexistent/libnothing.so") + ",\n" +
-                       handler("no.symbol", "no_such_factory") + ",\n" + handler("null.factory", "make_nothing") +
-                       ",\n" + handler("init.fails", "make_tagged", "fail") + ",\n" +
-                       handler("echo", "make_tagged", "second") + ",\n" + handler("after", "make_tagged", "after") +
+    "handlers.json", "[" + record("echo", "make_tagged", "first") + ",\n" +
+                       record("no.library", "make_tagged", "", "/nonexistent/libnothing.so") + ",\n" +
+                       record("no.symbol", "no_such_factory", "") + ",\n" + record("null.factory", "make_nothing", "") +
+                       ",\n" + record("init.fails", "make_tagged", "fail") + ",\n" +
+                       record("echo", "make_tagged", "second") + ",\n" + record("after", "make_tagged", "after") +
                        "]");
-  std::string broken = dir.write("broken.json", "[" + handler("half", "make_tagged", "half") + ", {\"method\": ");
-  std::string missing = dir.path("missing.json");
+  std::string broken = dir.write("broken.json", "[" + record("half", "make_tagged", "half") + ", {\"method\": ");
+  std::string missing = dir.file("missing.json");
 
   Log_Capture log;
   {
@@ -99,9 +92,9 @@ TEST_F(Service_Conf, EachBadRecordOrFileLeavesOneLineAndTheRestIsServed)
 TEST_F(Service_Conf, ParamsAreSplitIntoTheArgumentVectorOfInit)
 {
   setenv("SERVICE_TEST_WORD", "substituted", 1);
-  std::string file = dir.write("handlers.json", "[" + handler("two", "make_tagged", "alpha  beta") + "," +
-                                                  handler("none", "make_tagged", "") + "," +
-                                                  handler("env", "make_tagged", "$SERVICE_TEST_WORD") + "]");
+  std::string file = dir.write("handlers.json", "[" + record("two", "make_tagged", "alpha  beta") + "," +
+                                                  record("none", "make_tagged", "") + "," +
+                                                  record("env", "make_tagged", "$SERVICE_TEST_WORD") + "]");
   Service_Run run("-j " + file);
   auto inits = test_state().inits();
   ASSERT_EQ(3u, inits.size());
@@ -115,8 +108,8 @@ TEST_F(Service_Conf, ParamsAreSplitIntoTheArgumentVectorOfInit)
 
 TEST_F(Service_Conf, AnObjectWithoutDestroyFunctionIsDeletedThroughItsDestructor)
 {
-  std::string file = dir.write("handlers.json", "[" + handler("plain", "make_tagged_no_destroy", "kept") + "," +
-                                                  handler("plain.fails", "make_tagged_no_destroy", "fail") + "]");
+  std::string file = dir.write("handlers.json", "[" + record("plain", "make_tagged_no_destroy", "kept") + "," +
+                                                  record("plain.fails", "make_tagged_no_destroy", "fail") + "]");
   {
     Log_Capture log;
     Service_Run run("-j " + file);
@@ -132,8 +125,8 @@ TEST_F(Service_Conf, AnObjectWithoutDestroyFunctionIsDeletedThroughItsDestructor
 
 TEST_F(Service_Conf, FiltersAndRestCreatorsLoadUnderTheirOwnKeysAndWords)
 {
-  std::string filters = dir.write("filters.json", "[" + handler("sum", "make_filter_creator", "f") + "," +
-                                                    handler("bad", "make_filter_creator", "fail") + "]");
+  std::string filters = dir.write("filters.json", "[" + record("sum", "make_filter_creator", "f") + "," +
+                                                    record("bad", "make_filter_creator", "fail") + "]");
   std::string rest = dir.write("rest.json", "[" + record("/x", "make_rest_creator", "a b", dll, "uri") + "," +
                                               record("/x", "make_rest_creator", "c", dll, "uri") + "]");
   Log_Capture log;

@@ -34,7 +34,7 @@ start_host() {
 expect() {
   local status=$1 pattern=$2; shift 2
   local out rc
-  out=$("$call" "$@" 2>&1); rc=$?
+  out=$("$call" "$@" 2>&1 < /dev/null); rc=$?
   [ "$rc" -eq "$status" ] || fail "jsonrpc-call $* exited $rc, not $status: $out"
   grep -qF -- "$pattern" <<< "$out" || fail "jsonrpc-call $* printed '$out', without '$pattern'"
 }
@@ -43,14 +43,38 @@ start_host main --svc-conf examples/svc.conf
 main_pid=${pids[-1]}
 addr=127.0.0.1:$PORT
 
-expect 0 '"result":[1,"a",{"b":null}]' "$addr" echo '[1,"a",{"b":null}]'
-expect 1 '"code":-32601' "$addr" no.such.method
-expect 2 'not one JSON document' "$addr" echo '[1,'
-expect 0 '"result":6.5' "$addr" pool.sum '[1,2,3.5]'
-expect 1 '"data":"element 1 is not a number"' "$addr" pool.sum '[1,"2"]'
-expect 0 '"result":10' "$addr" slow.sleep 10
+# One call a row: exit status | what the output holds | method | params.
+while IFS='|' read -r status pattern method params; do
+  expect "$status" "$pattern" "$addr" "$method" ${params:+"$params"}
+done <<'ROWS'
+0|"result":[1,"a",{"b":null}]}|echo|[1,"a",{"b":null}]
+0|"result":null}|echo|
+1|"code":-32601|no.such.method|
+2|not one JSON document|echo|[1,
+0|"result":6.5}|pool.sum|[1,2,3.5]
+0|"result":-1}|pool.sum|[9223372036854775807,-9223372036854775807,-1]
+0|"result":0}|pool.sum|[]
+1|"data":"element 1 is not a number"|pool.sum|[1,"2"]
+1|"data":"params must be an array of numbers"|pool.sum|3
+0|"result":2}|pool.sleep|2
+0|"result":10}|slow.sleep|10
+0|"result":0}|slow.sleep|[0]
+1|"data":"params must be a whole number of milliseconds from 0 to 10000"|slow.sleep|10001
+1|"data":"params must be a whole number of milliseconds from 0 to 10000"|slow.sleep|-1
+1|"data":"params must be a whole number of milliseconds from 0 to 10000"|slow.sleep|"x"
+1|"data":"params must be a subject or an array of subjects"|subscribe|5
+1|"data":"params must be a subject or an array of subjects"|subscribe|[]
+1|"data":"params must be a subject or an array of subjects"|unsubscribe|[1]
+0|"result":0.5}|sum.stream|[1, 2.5, -3]
+0|"result":0}|sum.stream|[]
+0|"result":9223372036854775808.0}|sum.stream|[9223372036854775807, 1]
+1|"data":"element 1 is not a number"|sum.stream|[1,[2],3]
+1|"data":"element 2 is not a number"|sum.stream|[1, 2, {"a": [1]}, "x"]
+1|"data":"element 0 is not a number"|sum.stream|[null]
+1|"data":"params must be an array of numbers"|sum.stream|{"a": 1}
+1|"data":"params must be an array of numbers"|sum.stream|7
+ROWS
 expect 0 '"result":200010000' "$addr" sum.stream "[$(seq -s, 1 20000)]"
-expect 1 '"data":"element 1 is not a number"' "$addr" sum.stream '[1,[2],3]'
 expect 0 '' --notify "$addr" echo '"nobody answers this"'
 
 # Fan-out: two subscribers get one notification each.
@@ -76,12 +100,15 @@ expect 0 '"result":"lines"' --framing ndjson "127.0.0.1:$PORT" echo '"lines"'
 # The transport hands params to the filter as they stream in: a number
 # that no value can hold, which the reader would refuse in a tree, is the
 # filter's to judge.
+# With params ahead of the method no filter runs; the handler sums itself.
 exec 3<> "/dev/tcp/127.0.0.1/$PORT" || fail "no raw connection"
-printf '{"jsonrpc":"2.0","id":1,"method":"sum.stream","params":[1,1e400]}\n' >&3
+printf '{"jsonrpc":"2.0","id":1,"method":"sum.stream","params":[1,1e400]}\n{"id":2,"params":[1,2,3],"method":"sum.stream"}\n' >&3
 read -r -t 10 answer <&3
+read -r -t 10 second <&3
 exec 3>&-
 [ "$answer" = '{"jsonrpc":"2.0","id":1,"error":{"code":-32602,"message":"Invalid params","data":"element 1 is not a number"}}' ] ||
   fail "filtered params: $answer"
+[ "$second" = '{"jsonrpc":"","id":2,"result":6}' ] || fail "params ahead of the method: $second"
 kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the NDJSON host did not stop cleanly"
 
 # Overload: one worker and room for two waiting calls. With the worker held

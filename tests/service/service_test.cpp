@@ -1,8 +1,6 @@
 // The service object: its options, the pool it starts, the order of its
 // stop, and its loading by ACE's own service configurator.
-#include "log_capture.h"
 #include "service_support.h"
-#include "test_state.h"
 
 #include "json_rpc/json_rpc_handler.h"
 #include "json_rpc/json_rpc_thread_pool_handler.h"
@@ -15,8 +13,6 @@
 
 namespace
 {
-  const std::string dll = TEST_HANDLERS_DLL;
-
   Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
 }
 
@@ -26,7 +22,6 @@ TEST(Service_Options, WithoutOptionsTheSingletonsComeUpAndNoPoolRuns)
   JSON_RPC_Service service;
   EXPECT_EQ(0, service.init(0, nullptr));
   EXPECT_EQ(nullptr, pool());
-  EXPECT_EQ(0u, service.thread_number);
   EXPECT_EQ(1024u, service.queue_hwm);
   EXPECT_EQ(512u, service.queue_lwm);
   EXPECT_TRUE(log.empty()) << log.text();
@@ -35,85 +30,65 @@ TEST(Service_Options, WithoutOptionsTheSingletonsComeUpAndNoPoolRuns)
   EXPECT_EQ(0, service.fini());
 }
 
-TEST(Service_Options, ThreadNumberStartsThePoolAndTellsItsFigures)
+TEST(Service_Options, ThePoolTakesItsFiguresWhateverTheOptionsPlaceOrForm)
 {
-  Log_Capture log;
+  for (const char* line : {"-n 4 -h 100 -l 50", "-l 50 -h 100 -n 4",
+                           "--jsonrpc-thread-queue-lwm=50 --jsonrpc-thread-queue-hwm 100 --jsonrpc-thread-number=4"})
   {
-    Service_Run run("-n 4");
-    EXPECT_EQ(0, run.result);
-    ASSERT_NE(nullptr, pool());
-    EXPECT_EQ(4u, pool()->thr_count());
-    EXPECT_EQ("JSONRPC", pool()->name);
-    EXPECT_EQ(1024u * 32, pool()->msg_queue()->high_water_mark());
-    EXPECT_EQ(512u * 32, pool()->msg_queue()->low_water_mark());
-    EXPECT_EQ(std::vector<std::string>{"JSON-RPC thread pool(number: 4, low/high water mark: 512/1024) is activated.\n"},
-              log.lines());
-    EXPECT_EQ(1u, log.count_priority(LM_INFO));
-  }
-  EXPECT_EQ(nullptr, pool());
-}
-
-TEST(Service_Options, WaterMarksApplyWhateverTheirPlaceOrForm)
-{
-  for (const char* line : {"-n 1 -h 100 -l 50", "-l 50 -h 100 -n 1",
-                           "--jsonrpc-thread-queue-lwm=50 --jsonrpc-thread-queue-hwm 100 --jsonrpc-thread-number=1"})
-  {
-    Service_Run run(line);
-    ASSERT_EQ(0, run.result) << line;
-    ASSERT_NE(nullptr, pool()) << line;
-    EXPECT_EQ(1u, pool()->thr_count()) << line;
-    EXPECT_EQ(100u * 32, pool()->msg_queue()->high_water_mark()) << line;
-    EXPECT_EQ(50u * 32, pool()->msg_queue()->low_water_mark()) << line;
+    SCOPED_TRACE(line);
+    Log_Capture log;
+    {
+      Service_Run run(line);
+      ASSERT_EQ(0, run.result);
+      ASSERT_NE(nullptr, pool());
+      EXPECT_EQ(4u, pool()->thr_count());
+      EXPECT_EQ("JSONRPC", pool()->name);
+      EXPECT_EQ(100u * 32, pool()->msg_queue()->high_water_mark());
+      EXPECT_EQ(50u * 32, pool()->msg_queue()->low_water_mark());
+      EXPECT_EQ(std::vector<std::string>{"JSON-RPC thread pool(number: 4, low/high water mark: 50/100) is activated.\n"},
+                log.lines());
+      EXPECT_EQ(1u, log.count_priority(LM_INFO));
+    }
+    EXPECT_EQ(nullptr, pool());
   }
 }
 
-TEST(Service_Options, NumbersAreReadByTheServiceRule)
+TEST(Service_Options, NumbersAreReadByTheServiceRuleAndABadOneIsTold)
 {
   // -h alone starts no pool, so it shows the conversion by itself.
   const std::pair<const char*, uint64_t> cases[] = {
-    {"-h 12abc", 12},
-    {"-h +7", 7},
-    {"-h 0", 0},
-    {"-h 007", 7},
-    {"-h 18446744073709551615", UINT64_MAX},
-    {"-h -1", 0},
-    {"-h x", 0},
-    {"-h \" 5\"", 0},
-    {"-h +", 0},
-    {"-h \"\"", 0},
-    {"-h 18446744073709551616", UINT64_MAX},
-    {"-h 99999999999999999999999", UINT64_MAX},
+    {"12abc", 12}, {"+7", 7}, {"0", 0}, {"007", 7}, {"18446744073709551615", UINT64_MAX}, {"-1", 0}, {"x", 0},
+    {"\" 5\"", 0}, {"+", 0}, {"\"\"", 0}, {"18446744073709551616", UINT64_MAX}, {"99999999999999999999999", UINT64_MAX},
   };
   for (const auto& c : cases)
   {
+    SCOPED_TRACE(c.first);
     Log_Capture log;
-    Service_Run run(c.first);
-    EXPECT_EQ(0, run.result) << c.first;
-    EXPECT_EQ(c.second, run.service.queue_hwm) << c.first;
-    EXPECT_EQ(nullptr, pool()) << c.first;
-  }
-}
-
-TEST(Service_Options, ABadNumberIsToldAndTheRestServes)
-{
-  std::string options[] = {"-n x", "-n -1", "-n \"\""};
-  for (const std::string& bad : options)
-  {
-    Temp_Dir dir;
-    std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok", dll) + "]");
-    Log_Capture log;
-    Service_Run run(bad + " -j " + file);
-    EXPECT_EQ(0, run.result) << bad;
-    EXPECT_EQ(0u, run.service.thread_number) << bad;
-    EXPECT_EQ(nullptr, pool()) << bad;
-    EXPECT_EQ(1u, log.count("Bad number '")) << bad << ": " << log.text();
-    EXPECT_EQ(1u, log.count_priority(LM_WARNING)) << bad << ": " << log.text();
-    EXPECT_EQ(0u, log.count_priority(LM_ERROR)) << bad << ": " << log.text();
-    EXPECT_EQ("\"ok\"", call("echo")) << bad;
+    Service_Run run(std::string("-h ") + c.first);
+    EXPECT_EQ(0, run.result);
+    EXPECT_EQ(c.second, run.service.queue_hwm);
+    EXPECT_EQ(nullptr, pool());
   }
   Log_Capture log;
   Service_Run run("-h x");
   EXPECT_EQ(std::vector<std::string>{"Bad number 'x' for JSON_RPC_Service option -h, 0 is used.\n"}, log.lines());
+
+  // A bad thread number is a warning, and the handlers still serve.
+  Temp_Dir dir;
+  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok") + "]");
+  for (const std::string bad : {"-n x", "-n -1", "-n \"\""})
+  {
+    SCOPED_TRACE(bad);
+    Log_Capture log;
+    Service_Run run(bad + " -j " + file);
+    EXPECT_EQ(0, run.result);
+    EXPECT_EQ(0u, run.service.thread_number);
+    EXPECT_EQ(nullptr, pool());
+    EXPECT_EQ(1u, log.count("Bad number '")) << log.text();
+    EXPECT_EQ(1u, log.count_priority(LM_WARNING)) << log.text();
+    EXPECT_EQ(0u, log.count_priority(LM_ERROR)) << log.text();
+    EXPECT_EQ("\"ok\"", call("echo"));
+  }
 }
 
 TEST(Service_Options, UnknownOptionsAndMissingArgumentsAreToldAndSkipped)
@@ -123,18 +98,17 @@ TEST(Service_Options, UnknownOptionsAndMissingArgumentsAreToldAndSkipped)
   EXPECT_EQ(0, run.result);
   ASSERT_NE(nullptr, pool());
   EXPECT_EQ(1u, pool()->thr_count());
-  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option x\n")) << log.text();
-  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option nothing\n")) << log.text();
-  EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option j\n")) << log.text();
+  for (const char* option : {"x", "nothing", "j"})
+    EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option " + std::string(option) + "\n")) << log.text();
   EXPECT_EQ(3u, log.count_priority(LM_ERROR)) << log.text();
 }
 
 TEST(Service_Options, FilesAreReadInTheOrderOfTheLine)
 {
   Temp_Dir dir;
-  std::string a = dir.write("a.json", "[" + record("echo", "make_tagged", "from-a", dll) + "]");
-  std::string b = dir.write("b.json", "[" + record("echo", "make_tagged", "from-b", dll) + "," +
-                                        record("only.b", "make_tagged", "b", dll) + "]");
+  std::string a = dir.write("a.json", "[" + record("echo", "make_tagged", "from-a") + "]");
+  std::string b = dir.write("b.json", "[" + record("echo", "make_tagged", "from-b") + "," +
+                                        record("only.b", "make_tagged", "b") + "]");
   Log_Capture log;
   Service_Run run("-j " + a + " --jsonrpc " + b);
   EXPECT_EQ("\"from-a\"", call("echo"));
@@ -145,7 +119,7 @@ TEST(Service_Options, FilesAreReadInTheOrderOfTheLine)
 TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)
 {
   Temp_Dir dir;
-  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok", dll) + "]");
+  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "ok") + "]");
   {
     Log_Capture log;
     Service_Run run("-n 2 -l 0 -j " + file);
@@ -193,7 +167,7 @@ TEST(Service_Configurator, LoadsTheServiceFromADirectiveAndRemovesIt)
 {
   open_configurator();
   Temp_Dir dir;
-  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "via-ace", dll) + "]");
+  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "via-ace") + "]");
   std::string directive = "dynamic JSON_RPC_Service Service_Object * " + std::string(JSON_RPC_LIBRARY) +
                           ":_make_JSON_RPC_Service() \"-j " + file + " -n 2\"";
   Log_Capture log;

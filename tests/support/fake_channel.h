@@ -2,20 +2,22 @@
 #define TESTS_SUPPORT_FAKE_CHANNEL_H
 
 #include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_generator.h"
+#include "json_spirit/json_spirit_writer.h"
 
 #include <ace/INET_Addr.h>
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
-/// A channel that keeps what is sent to it. Thread-safe; send_object can be
-/// made to fail, and a hook can run on every send (to answer a call, say).
+/// A channel that keeps what is sent to it. Thread-safe; sends can be made
+/// to fail, and a hook can run on every send (to answer a call, say).
 class Fake_Channel : public JSON_RPC_Channel
 {
 public:
@@ -32,10 +34,7 @@ public:
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (fail_)
-      {
-        errno = EPIPE;
-        return -1;
-      }
+        return errno = EPIPE, -1;
       sent_.push_back(object);
       hook = on_send_;
     }
@@ -53,12 +52,8 @@ public:
       return -1;
     std::lock_guard<std::mutex> lock(mutex_);
     if (fail_)
-    {
-      errno = EPIPE;
-      return -1;
-    }
+      return errno = EPIPE, -1;
     generated_.push_back(text);
-    changed_.notify_all();
     return 0;
   }
 
@@ -96,14 +91,15 @@ public:
     return generated_;
   }
 
-  size_t count() const
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return sent_.size();
-  }
+  size_t count() const { return sent().size(); }
+
+  /// The methods of what was sent ("" for responses).
+  std::vector<std::string> methods() const;
+  /// The params of the notifications and requests sent for `method`.
+  std::vector<json_spirit::Value> params_of(const std::string& method) const;
 
   /// Waits (bounded) until at least n objects were sent.
-  bool wait_for(size_t n, int seconds = 10) const
+  bool wait_for(size_t n, int seconds = 20) const
   {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return sent_.size() >= n; });
@@ -119,10 +115,74 @@ private:
   std::function<void(JSON_RPC_Object_Ptr)> on_send_;
 };
 
-/// The method and params of a sent notification or request.
+inline Fake_Channel& fake(const JSON_RPC_Channel_Strong_Ptr& p) { return static_cast<Fake_Channel&>(*p); }
+
+inline JSON_RPC_Channel_Strong_Ptr make_channel(int type = 0, const std::string& id = "", unsigned short port = 4000)
+{
+  return JSON_RPC_Channel_Strong_Ptr(new Fake_Channel(type, id, port));
+}
+
+/// A pointer to a channel that has died.
+inline JSON_RPC_Channel_Weak_Ptr gone_channel()
+{
+  JSON_RPC_Channel_Strong_Ptr c = make_channel();
+  return JSON_RPC_Channel_Weak_Ptr(c);
+}
+
 inline const JSON_RPC_Request& as_request(const JSON_RPC_Object_Ptr& object)
 {
   return static_cast<const JSON_RPC_Request&>(*object);
+}
+
+/// A request with the given id or, with no id, a notification.
+inline JSON_RPC_Object_Ptr make_message(const std::string& method, json_spirit::Value params = json_spirit::Value(),
+                                        json_spirit::Value id = json_spirit::Value())
+{
+  JSON_RPC_Request* r = new JSON_RPC_Request;
+  r->type = id.is_null() ? JSON_RPC_Object::TYPE_NOTIFICATION : JSON_RPC_Object::TYPE_REQUEST;
+  r->method = method;
+  r->params = std::move(params);
+  r->id = std::move(id);
+  return JSON_RPC_Object_Ptr(r);
+}
+
+/// The answer to a response or error object as text: the result, or
+/// "error CODE" and the data if there is any.
+inline std::string answer_text(const JSON_RPC_Object& answer)
+{
+  if (answer.type != JSON_RPC_Object::TYPE_RESPONSE_ERROR)
+    return json_spirit::write_string(static_cast<const JSON_RPC_Response&>(answer).result);
+  const auto& e = static_cast<const JSON_RPC_Response_Error&>(answer);
+  return "error " + std::to_string(e.code) + (e.data.is_null() ? "" : " " + json_spirit::write_string(e.data));
+}
+
+/// What the dispatcher's handler answers to one request, waiting for an
+/// answer from another thread: answer_text(), "refused" or "no answer".
+inline std::string call(const std::string& method, const json_spirit::Value& params = json_spirit::Value())
+{
+  JSON_RPC_Channel_Strong_Ptr channel = make_channel();
+  if (JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(channel), make_message(method, params, 7)) == -1)
+    return "refused";
+  if (!fake(channel).wait_for(1, 10))
+    return "no answer";
+  return answer_text(*fake(channel).sent().back());
+}
+
+inline std::vector<std::string> Fake_Channel::methods() const
+{
+  std::vector<std::string> out;
+  for (const JSON_RPC_Object_Ptr& o : sent())
+    out.push_back(o->type <= JSON_RPC_Object::TYPE_REQUEST ? as_request(o).method : "");
+  return out;
+}
+
+inline std::vector<json_spirit::Value> Fake_Channel::params_of(const std::string& method) const
+{
+  std::vector<json_spirit::Value> out;
+  for (const JSON_RPC_Object_Ptr& o : sent())
+    if (o->type <= JSON_RPC_Object::TYPE_REQUEST && as_request(o).method == method)
+      out.push_back(as_request(o).params);
+  return out;
 }
 
 #endif

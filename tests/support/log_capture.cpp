@@ -4,6 +4,8 @@
 #include <ace/Log_Priority.h>
 #include <ace/Log_Record.h>
 
+#include <algorithm>
+
 namespace
 {
   // The output flags of ACE_Log_Msg are shared by all threads: the first
@@ -78,39 +80,22 @@ std::vector<std::string> Log_Capture::lines() const
 
 std::string Log_Capture::text() const
 {
-  std::lock_guard<std::mutex> guard(mutex_);
   std::string out;
-  for (const Entry& e : entries_)
-    out += e.text;
+  for (const std::string& line : lines())
+    out += line;
   return out;
 }
 
-bool Log_Capture::contains(const std::string& part) const { return count(part) > 0; }
-
 size_t Log_Capture::count(const std::string& part) const
 {
-  std::lock_guard<std::mutex> guard(mutex_);
-  size_t n = 0;
-  for (const Entry& e : entries_)
-    if (e.text.find(part) != std::string::npos)
-      ++n;
-  return n;
+  std::vector<std::string> all = lines();
+  return std::count_if(all.begin(), all.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; });
 }
 
 size_t Log_Capture::count_priority(unsigned long priority) const
 {
   std::lock_guard<std::mutex> guard(mutex_);
-  size_t n = 0;
-  for (const Entry& e : entries_)
-    if (e.priority == priority)
-      ++n;
-  return n;
-}
-
-bool Log_Capture::empty() const
-{
-  std::lock_guard<std::mutex> guard(mutex_);
-  return entries_.empty();
+  return std::count_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.priority == priority; });
 }
 
 void Log_Capture::clear()

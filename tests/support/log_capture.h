@@ -36,12 +36,12 @@ public:
   std::vector<std::string> lines() const;
   /// All messages concatenated.
   std::string text() const;
-  bool contains(const std::string& part) const;
+  bool contains(const std::string& part) const { return count(part) > 0; }
   /// Number of messages that contain part.
   size_t count(const std::string& part) const;
   /// Number of messages of one ACE priority (LM_ERROR, LM_EMERGENCY, ...).
   size_t count_priority(unsigned long priority) const;
-  bool empty() const;
+  bool empty() const { return lines().empty(); }
   void clear();
 
   /// Sends the log lines of the current thread to a capture while it

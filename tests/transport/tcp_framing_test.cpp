@@ -1,11 +1,7 @@
 // What goes over the wire: both framings, fed in every cut, and bad input.
 #include "tcp_test_support.h"
-#include "log_capture.h"
 
 #include "json_rpc/json_rpc_session.h"
-#include "transport/tcp_acceptor.h"
-#include "transport/tcp_channel.h"
-#include "transport/tcp_connector.h"
 
 #include <gtest/gtest.h>
 
@@ -61,7 +57,7 @@ namespace
     void TearDown() override
     {
       if (!channel.null())
-        TCP_Channel::cast(channel)->close();
+        close(channel);
       server.close();
     }
 
@@ -74,7 +70,7 @@ namespace
   TEST_F(Wire, ContentLengthMessagesInAnyCut)
   {
     start(TCP_Options::FRAMING_CONTENT_LENGTH);
-    Raw_Client peer(server.port());
+    Socket_Client peer(server.port());
     // Header names in any case, a Content-Type, spaces around the value.
     ASSERT_TRUE(peer.send("content-LENGTH:  " + std::to_string(request(1).size()) +
                           " \r\nContent-Type: application/vscode-jsonrpc; charset=utf-8\r\n\r\n" + request(1)));
@@ -96,7 +92,7 @@ namespace
   TEST_F(Wire, NewlineDelimitedMessagesInAnyCut)
   {
     start(TCP_Options::FRAMING_NDJSON);
-    Raw_Client peer(server.port());
+    Socket_Client peer(server.port());
     ASSERT_TRUE(peer.send("\n\r\n  " + request(1) + "\r\n" + request(2) + "\n{\"id\":1}\n"));
     for (char c : request(3) + "\n")
       ASSERT_TRUE(peer.send(std::string(1, c)));
@@ -142,14 +138,14 @@ namespace
       SCOPED_TRACE(bad.bytes.substr(0, 60));
       if (bad.framing != framing)
       {
-        TCP_Channel::cast(channel)->close();
+        close(channel);
         server.close();
         start(framing = bad.framing);
         bystander();
       }
       log.clear();
       {
-        Raw_Client peer(server.port());
+        Socket_Client peer(server.port());
         // A good message first: it is answered before the bad one is seen.
         ASSERT_TRUE(peer.send(framing == TCP_Options::FRAMING_NDJSON ? request(7) + "\n"
                                                                       : content_length_frame(request(7))));
@@ -186,18 +182,15 @@ namespace
       JSON_RPC_Channel_Strong_Ptr stuck;
       ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(ntohs(sa.sin_port)), client));
       // Far more than the socket buffers on both sides hold.
-      JSON_RPC_Request* note = new JSON_RPC_Request;
-      note->type = JSON_RPC_Object::TYPE_NOTIFICATION;
-      note->method = "flood";
-      note->params = json_spirit::Array{std::string(64 * 1024 * 1024, 'f')};
+      JSON_RPC_Object_Ptr note = make_message("flood", json_spirit::Array{std::string(64 * 1024 * 1024, 'f')});
       errno = 0;
-      EXPECT_EQ(-1, stuck->send_object(JSON_RPC_Object_Ptr(note)));
+      EXPECT_EQ(-1, stuck->send_object(note));
       EXPECT_EQ(ETIMEDOUT, errno);
       EXPECT_TRUE(log.contains("failed to write a message, errno=110"));
       // The read thread takes it from there: the channel ends by itself.
-      ASSERT_TRUE(eventually([&] { return TCP_Channel::cast(stuck)->closed(); }));
+      ASSERT_TRUE(eventually([&] { return closed(stuck); }));
       EXPECT_EQ(-1, stuck->send_object(JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value())));
-      TCP_Channel::cast(stuck)->close();
+      close(stuck);
       log.clear();
     }
     ::close(listener);
@@ -215,7 +208,7 @@ namespace
     ASSERT_TRUE(bystander_answers());
     bool ndjson = GetParam() == TCP_Options::FRAMING_NDJSON;
     // One stops inside the header (or the line), one inside the body.
-    Raw_Client in_header(server.port()), in_body(server.port());
+    Socket_Client in_header(server.port()), in_body(server.port());
     ASSERT_TRUE(in_header.send(ndjson ? "{\"jsonrpc\":" : "Content-Len"));
     ASSERT_TRUE(in_body.send(ndjson ? request(1).substr(0, 20) : content_length_frame(request(1)).substr(0, 30)));
     ASSERT_TRUE(in_header.read_to_eof());

@@ -1,13 +1,12 @@
-// A JSON-RPC server over TCP for tests that need a second process.
+// A JSON-RPC server over TCP with Content-Length framing, for the peers
+// written elsewhere.
 //
-//   tcp_test_server [--ndjson] [--port N]
+//   tcp_test_server
 //
 // Prints "PORT <n>" once it listens, and runs until its standard input
 // ends or it gets SIGTERM or SIGINT. Methods:
 //   echo       answers with the params
 //   subscribe  subscribes the caller to the subjects in params (an array)
-//   hang       sends the caller a "hung" notification and never answers
-//   close.me   drops the caller's connection without an answer
 //   ping.me    a notification: calls "client.hello" back on the caller's
 //              connection from a thread of its own, with the params, and then
 //              sends "ping.result" {"ok": bool, "response": the answer}
@@ -19,13 +18,10 @@
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
 #include "transport/tcp_acceptor.h"
-#include "transport/tcp_channel.h"
 
 #include <ace/Log_Msg.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <mutex>
 #include <poll.h>
@@ -35,37 +31,10 @@
 #include <unistd.h>
 #include <vector>
 
-using tcp_test::notification;
+using namespace tcp_test;
 
 namespace
 {
-  typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Method;
-
-  class Handler : public JSON_RPC_Handler
-  {
-  public:
-    explicit Handler(Method m) : method_(std::move(m)) {}
-    int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
-    {
-      JSON_RPC_Channel_Strong_Ptr peer(channel);
-      if (peer.null())
-        return -1;
-      return method_(peer, static_cast<const JSON_RPC_Request&>(*object));
-    }
-
-  private:
-    Method method_;
-  };
-
-  int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
-  {
-    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
-      return 0;
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = std::move(result);
-    return channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   std::mutex callers_mutex;
   std::vector<std::thread> callers;
 
@@ -81,32 +50,13 @@ namespace
       report["response"] = static_cast<const JSON_RPC_Response&>(*response).result;
     else if (ok)
       report["response"] = static_cast<const JSON_RPC_Response_Error&>(*response).message;
-    session.notify(notification("ping.result", report));
+    session.notify(make_message("ping.result", report));
   }
 
-  void add(const char* name, Method method)
-  {
-    JSON_RPC_Request_Map::instance()->insert(name, "", new Handler(std::move(method)), nullptr);
-  }
 }
 
-int main(int argc, char** argv)
+int main()
 {
-  TCP_Options options;
-  unsigned short port = 0;
-  for (int i = 1; i < argc; ++i)
-  {
-    if (!std::strcmp(argv[i], "--ndjson"))
-      options.framing = TCP_Options::FRAMING_NDJSON;
-    else if (!std::strcmp(argv[i], "--port") && i + 1 < argc)
-      port = static_cast<unsigned short>(std::atoi(argv[++i]));
-    else
-    {
-      std::fprintf(stderr, "usage: %s [--ndjson] [--port N]\n", argv[0]);
-      return 2;
-    }
-  }
-
   // The signals are taken by signalfd, so no thread may receive them.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
@@ -121,29 +71,22 @@ int main(int argc, char** argv)
   JSON_RPC_Notify_Manager::instance();
   JSON_RPC_Channel_Map::instance();
   JSON_RPC_Channel_Pool::instance();
-  add("echo", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) { return answer(c, r, r.params); });
-  add("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+  add_handler("echo", echo);
+  add_handler("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::vector<std::string> subjects;
     for (const json_spirit::Value& s : r.params.get_array())
       subjects.push_back(s.get_str());
     JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
     return answer(c, r, true);
   });
-  add("hang", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
-    return c->send_object(notification("hung", r.params));
-  });
-  add("close.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request&) {
-    TCP_Channel::cast(c)->close();
-    return 0;
-  });
-  add("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
+  add_handler("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::lock_guard<std::mutex> guard(callers_mutex);
     callers.emplace_back(call_back, c, r.params);
     return 0;
   });
 
   TCP_Acceptor acceptor;
-  if (acceptor.open(ACE_INET_Addr(port, "127.0.0.1"), options) == -1)
+  if (acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), TCP_Options()) == -1)
     return 1;
   std::printf("PORT %u\n", static_cast<unsigned>(acceptor.port()));
   std::fflush(stdout);

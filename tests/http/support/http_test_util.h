@@ -6,6 +6,7 @@
 #include "tessel/http_client.h"
 #include "tessel/retry.h"
 
+#include <ace/SSL/SSL_Context.h>
 #include <sys/resource.h>
 
 #include <gtest/gtest.h>
@@ -43,6 +44,24 @@ struct Recorded_Waits
 inline HTTP_Session_Ptr local_session(unsigned short port, int read_timeout = 10)
 {
   return HTTP_Session_Factory::create("127.0.0.1", port, false, nullptr, 3, nullptr, false, 10, read_timeout, 0, 0);
+}
+
+/// A TLS session on 127.0.0.1 that trusts what context trusts, or, without
+/// a context, any certificate.
+inline HTTP_Session_Ptr tls_session(unsigned short port, ACE_SSL_Context* context, const char* name = nullptr,
+                                    int max_requests = 0, int read_timeout = 10)
+{
+  return HTTP_Session_Factory::create("127.0.0.1", port, true, name, 3, context, !context, 10, read_timeout, 0,
+                                      max_requests);
+}
+
+/// A client context that trusts one certificate.
+inline ACE_SSL_Context* trusting(const std::string& certificate)
+{
+  ACE_SSL_Context* context = new ACE_SSL_Context;
+  context->set_mode(ACE_SSL_Context::SSLv23_client);
+  context->load_trusted_ca(certificate.c_str());
+  return context;
 }
 
 /// The whole body of a response whose head has been read, through blocks of

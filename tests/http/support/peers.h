@@ -4,50 +4,12 @@
 // The real servers of the HTTP tests, started on loopback for one test and
 // stopped when it ends.
 
-#include <string>
-#include <vector>
+#include "test_util.h"
 
-/// A folder that is removed with everything in it.
-class Temp_Dir
-{
-public:
-  Temp_Dir();
-  ~Temp_Dir();
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
+#include <memory>
 
-private:
-  std::string path_;
-};
-
-/// A child process with a pipe on its standard input: the node peers end
-/// when it closes, so they go even if the test dies.
-class Peer_Process
-{
-public:
-  explicit Peer_Process(const std::vector<std::string>& argv);
-  ~Peer_Process();
-  Peer_Process(const Peer_Process&) = delete;
-  Peer_Process& operator=(const Peer_Process&) = delete;
-
-  bool running() const { return pid_ > 0; }
-  /// The number after "PORT " on the child's standard output; 0 when it
-  /// doesn't come within the time given.
-  unsigned short wait_port(int seconds);
-  void stop();
-
-private:
-  int pid_;
-  int in_;
-  int out_;
-};
-
-/// A port that was free a moment ago.
-unsigned short free_port();
-/// True once something accepts on 127.0.0.1:port, within the time given.
-bool wait_listening(unsigned short port, int seconds);
-
-/// jayson (JSON-RPC) or json-server (REST) from tests/http/node.
+/// jayson (JSON-RPC) or json-server (REST) from tests/http/node. They end
+/// when their standard input closes, so they go even if the test dies.
 class Node_Peer
 {
 public:
@@ -56,7 +18,7 @@ public:
   unsigned short port() const { return port_; }
 
 private:
-  Peer_Process process_;
+  Child process_;
   unsigned short port_;
 };
 
@@ -68,21 +30,20 @@ class Nginx_Peer
 public:
   /// proxy_port, if not 0, is where /rpc is passed on to.
   explicit Nginx_Peer(unsigned short proxy_port = 0, int keepalive_timeout = 30);
-  ~Nginx_Peer();
 
   unsigned short port() const { return port_; }
   const Temp_Dir& dir() const { return dir_; }
   std::string certificate() const { return dir_.file("cert.pem"); }
   /// Writes a file to serve as /name.
-  void serve(const std::string& name, const std::string& content) const;
-  /// Lines of the access log: "connection requests status method uri".
-  /// Its lines, once there are at least `expected` of them (or after 5 s).
+  void serve(const std::string& name, const std::string& content) const { dir_.write("www/" + name, content); }
+  /// Lines of the access log, "connection requests status method uri",
+  /// once there are at least `expected` of them (or after 5 s).
   std::vector<std::string> access_log(size_t expected) const;
 
 private:
   Temp_Dir dir_;
   unsigned short port_;
-  Peer_Process* process_;
+  std::unique_ptr<Child> process_;
 };
 
 /// GET path on 127.0.0.1:port with a plain socket; the body, empty on failure.
