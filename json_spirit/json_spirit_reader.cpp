@@ -188,9 +188,19 @@ bool JSON_Parser::close(bool object)
   frames_.pop_back();
   if (!object)
   {
-    auto first = items_.begin() + static_cast<std::ptrdiff_t>(top.first);
-    Value array(json_spirit::Array(std::make_move_iterator(first), std::make_move_iterator(items_.end())));
-    items_.erase(first, items_.end());
+    json_spirit::Array elements;
+    if (top.first == 0 && items_.size() * 2 >= items_.capacity())
+      // All that waits is this array's, and little room is spare: it takes
+      // the buffer itself. A large array is then never copied (nor held
+      // twice) at its end.
+      elements.swap(items_);
+    else
+    {
+      auto first = items_.begin() + static_cast<std::ptrdiff_t>(top.first);
+      elements.assign(std::make_move_iterator(first), std::make_move_iterator(items_.end()));
+      items_.erase(first, items_.end());
+    }
+    Value array(std::move(elements));
     *(top.place ? top.place : &items_[top.index]) = std::move(array);
   }
   if (frames_.empty())

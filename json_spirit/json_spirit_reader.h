@@ -51,7 +51,8 @@ public:
 private:
   // A container being read. An object takes its members at once; an
   // array's elements wait in items_ and are moved into an array of their
-  // exact size when it closes, so that each array is allocated once.
+  // size when it closes (or it takes items_' own buffer), so that a small
+  // array is allocated once and a large one is not grown twice.
   struct Frame
   {
     json_spirit::Object* object; // null for an array

@@ -1,7 +1,6 @@
 #include "json_spirit/json_spirit_value.h"
 
 #include <climits>
-#include <new>
 #include <utility>
 
 namespace json_spirit
@@ -45,9 +44,9 @@ namespace json_spirit
   Value::Value(const Value& other) : type_(null_type), unsigned_(false) { copy_from(other); }
   Value::Value(Value&& other) noexcept : type_(null_type), unsigned_(false) { move_from(other); }
 
-  Value::Value(const std::string& s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(s); }
-  Value::Value(std::string&& s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(std::move(s)); }
-  Value::Value(const char* s) : type_(str_type), unsigned_(false) { new (&u_.s) std::string(s ? s : ""); }
+  Value::Value(const std::string& s) : type_(str_type), unsigned_(false) { u_.s = new std::string(s); }
+  Value::Value(std::string&& s) : type_(str_type), unsigned_(false) { u_.s = new std::string(std::move(s)); }
+  Value::Value(const char* s) : type_(str_type), unsigned_(false) { u_.s = new std::string(s ? s : ""); }
 
   Value::Value(unsigned long long u) noexcept : type_(int_type), unsigned_(u > static_cast<unsigned long long>(LLONG_MAX))
   {
@@ -71,7 +70,7 @@ namespace json_spirit
   void Value::destroy() noexcept
   {
     if (type_ == str_type)
-      u_.s.~basic_string();
+      delete u_.s;
     else if (is_container(*this))
     {
       if (freeing_depth < recursion_limit)
@@ -119,12 +118,10 @@ namespace json_spirit
   {
     switch (other.type_)
     {
-    case str_type: new (&u_.s) std::string(other.u_.s); break;
+    case str_type: u_.s = new std::string(*other.u_.s); break;
     case obj_type: u_.o = new Object(*other.u_.o); break;
     case array_type: u_.a = new Array(*other.u_.a); break;
-    case bool_type: u_.b = other.u_.b; break;
-    case real_type: u_.d = other.u_.d; break;
-    default: u_.i = other.u_.i; break;
+    default: u_ = other.u_; break;
     }
     type_ = other.type_;
     unsigned_ = other.unsigned_;
@@ -132,18 +129,7 @@ namespace json_spirit
 
   void Value::move_from(Value& other) noexcept
   {
-    switch (other.type_)
-    {
-    case str_type:
-      new (&u_.s) std::string(std::move(other.u_.s));
-      other.u_.s.~basic_string();
-      break;
-    case obj_type: u_.o = other.u_.o; break;
-    case array_type: u_.a = other.u_.a; break;
-    case bool_type: u_.b = other.u_.b; break;
-    case real_type: u_.d = other.u_.d; break;
-    default: u_.i = other.u_.i; break;
-    }
+    u_ = other.u_;
     type_ = other.type_;
     unsigned_ = other.unsigned_;
     other.type_ = null_type;
@@ -180,11 +166,9 @@ namespace json_spirit
 
   void Value::swap(Value& other) noexcept
   {
-    if (this == &other)
-      return;
-    Value taken(std::move(other));
-    other.move_from(*this);
-    move_from(taken);
+    std::swap(type_, other.type_);
+    std::swap(unsigned_, other.unsigned_);
+    std::swap(u_, other.u_);
   }
 
   bool Value::is_uint64() const
@@ -192,7 +176,7 @@ namespace json_spirit
     return type_ == int_type && (unsigned_ || u_.i > INT_MAX || u_.i < INT_MIN);
   }
 
-  const std::string& Value::get_str() const { return type_ == str_type ? u_.s : empty_string; }
+  const std::string& Value::get_str() const { return type_ == str_type ? *u_.s : empty_string; }
   const Object& Value::get_obj() const { return type_ == obj_type ? *u_.o : empty_object; }
   const Array& Value::get_array() const { return type_ == array_type ? *u_.a : empty_array; }
 
@@ -243,7 +227,7 @@ namespace json_spirit
     case bool_type: return u_.b == other.u_.b;
     case int_type: return u_.i == other.u_.i && unsigned_ == other.unsigned_;
     case real_type: return u_.d == other.u_.d;
-    case str_type: return u_.s == other.u_.s;
+    case str_type: return *u_.s == *other.u_.s;
     case obj_type: return *u_.o == *other.u_.o;
     case array_type: return *u_.a == *other.u_.a;
     }

@@ -28,9 +28,9 @@ namespace json_spirit
 
   /// A JSON document. Copies and moves; owns what it holds.
   ///
-  /// A string is held in place (short ones need no allocation at all);
-  /// objects and arrays are held through a pointer, so that a value stays
-  /// small and moves in constant time.
+  /// Strings, objects and arrays are held through a pointer, so that a
+  /// value takes 16 bytes (arrays of numbers stay compact) and moves in
+  /// constant time.
   ///
   /// Destruction recurses through at most max_depth + 1 levels and frees
   /// deeper ones in a loop, so a value nested arbitrarily deep can be
@@ -107,11 +107,10 @@ namespace json_spirit
     union Storage
     {
       Storage() noexcept : i(0) {}
-      ~Storage() {}
       bool b;
       long long i;
       double d;
-      std::string s;
+      std::string* s;
       Object* o;
       Array* a;
     } u_;
