@@ -508,7 +508,7 @@ void TCP_Channel::settle_stream()
   if (!streaming_)
     return;
   streaming_ = false;
-  stream_writer_.close();
+  writer_.close();
   if (output_.sent_some())
     fail_output(EPROTO);
   else
@@ -566,7 +566,7 @@ yajl_gen_t* TCP_Channel::send_begin()
 {
   settle_stream();
   output_.begin(!writable());
-  yajl_gen_t* gen = stream_writer_.open(output_);
+  yajl_gen_t* gen = writer_.open(output_);
   if (gen)
     streaming_ = true;
   return gen;
@@ -581,7 +581,7 @@ int TCP_Channel::send_end()
     return -1;
   }
   streaming_ = false;
-  stream_writer_.close();
+  writer_.close();
   bool discarded = output_.discarding();
   int error = output_.end();
   if (error)

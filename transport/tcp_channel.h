@@ -202,8 +202,8 @@ private:
   bool output_failed_;
   bool streaming_;
   int io_state_;
-  JSON_RPC_Writer stream_writer_;
-  // Whole messages; kept, so that its generator serves them all.
+  // Whole and streamed messages alike (a stream is settled before a whole
+  // message starts); kept, so that its generator serves them all.
   JSON_RPC_Writer writer_;
   Output output_;
 
