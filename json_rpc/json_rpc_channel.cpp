@@ -69,6 +69,11 @@ int JSON_RPC_Channel::get_original_addr(ACE_Addr&) const { return -1; }
 
 ACE_Lock* JSON_RPC_Channel::io_mutex() { return nullptr; }
 
+bool JSON_RPC_Channel::wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  return wait.wait(deadline);
+}
+
 void send_if_alive(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object)
 {
   JSON_RPC_Channel_Strong_Ptr peer(channel);

@@ -12,8 +12,25 @@
 #include <map>
 #include <string>
 
+class ACE_Time_Value;
 class JSON_Generator;
 typedef struct yajl_gen_t yajl_gen_t;
+
+/// A thread that waits for the response to its request, as it offers
+/// itself to the channel the request went out on (see
+/// JSON_RPC_Channel::wait_response).
+class JSON_RPC_EXPORT JSON_RPC_Response_Wait
+{
+public:
+  /// True once the response is in.
+  virtual bool done() const = 0;
+  /// Sleeps until the response is in (true) or deadline, absolute and null
+  /// for none, has passed (false, errno ETIME).
+  virtual bool wait(const ACE_Time_Value* deadline) = 0;
+
+protected:
+  ~JSON_RPC_Response_Wait() {}
+};
 
 /// The library's view of one connected peer. Transports derive from it and
 /// supply the output operations; the library remembers channels only by
@@ -59,6 +76,12 @@ public:
   virtual int get_original_addr(ACE_Addr& addr) const;
   /// The lock that orders writers of the output; null if none is needed.
   virtual ACE_Lock* io_mutex();
+  /// Waits for the response to a request sent over this channel, as
+  /// wait.wait does. A transport whose reading thread is idle may read the
+  /// channel on the waiting thread meanwhile, dispatching the responses it
+  /// meets, and so spare a hand-off between two threads on each call. The
+  /// base only waits.
+  virtual bool wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
 
 private:
   int type_;

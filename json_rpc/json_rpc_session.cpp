@@ -36,7 +36,7 @@ namespace
   /// threads; so they meet on a flag of their own first. The waiter sleeps
   /// on the flag itself (a futex): neither side takes a lock, and the
   /// dispatching thread makes a system call only when the waiter sleeps.
-  class JSON_RPC_Future_Handler : public JSON_RPC_Handler
+  class JSON_RPC_Future_Handler : public JSON_RPC_Handler, public JSON_RPC_Response_Wait
   {
   public:
     JSON_RPC_Future_Handler() : state_(PENDING) {}
@@ -52,12 +52,15 @@ namespace
       return response && result == 0 ? 0 : -1;
     }
 
-    int get(JSON_RPC_Object_Ptr& out, const ACE_Time_Value* deadline)
+    int get(JSON_RPC_Channel& channel, JSON_RPC_Object_Ptr& out, const ACE_Time_Value* deadline)
     {
-      if (!wait_set(deadline))
+      if (!channel.wait_response(*this, deadline))
         return -1;
       return future.get(out, const_cast<ACE_Time_Value*>(deadline));
     }
+
+    bool done() const override { return state_.load() == SET; }
+    bool wait(const ACE_Time_Value* deadline) override { return wait_set(deadline); }
 
     ACE_Future<JSON_RPC_Object_Ptr> future;
 
@@ -116,9 +119,10 @@ namespace
     const json_spirit::Value& id_;
   };
 
-  bool wait(JSON_RPC_Future_Handler* handler, JSON_RPC_Object_Ptr& response, const ACE_Time_Value* deadline)
+  bool wait(JSON_RPC_Channel& channel, JSON_RPC_Future_Handler* handler, JSON_RPC_Object_Ptr& response,
+            const ACE_Time_Value* deadline)
   {
-    if (handler->get(response, deadline) != 0)
+    if (handler->get(channel, response, deadline) != 0)
     {
       ACE_ERROR((LM_ERROR, "Failed to get response, errno=%d, %m.\n", ACE_OS::last_error()));
       return false;
@@ -164,7 +168,7 @@ namespace
   // and wait until the deadline that deadline(at) sets after the send (false:
   // no limit). The entry leaves the map on every way out.
   template <class Send, class Deadline>
-  bool send_and_wait(JSON_RPC_Future_Handler* waiter, const JSON_RPC_Handler_Ptr& handler,
+  bool send_and_wait(JSON_RPC_Channel& channel, JSON_RPC_Future_Handler* waiter, const JSON_RPC_Handler_Ptr& handler,
                      const json_spirit::Value& id, JSON_RPC_Object_Ptr& response, Send send, Deadline deadline)
   {
     if (!enter(id, handler))
@@ -173,7 +177,7 @@ namespace
     if (!sent(send()))
       return false;
     ACE_Time_Value at;
-    return wait(waiter, response, deadline(at) ? &at : nullptr);
+    return wait(channel, waiter, response, deadline(at) ? &at : nullptr);
   }
 }
 
@@ -195,7 +199,7 @@ bool JSON_RPC_Session::request(JSON_RPC_Object_Ptr request, JSON_RPC_Object_Ptr&
     return false;
   JSON_RPC_Id_Generator::gen(*request);
   return send_and_wait(
-    waiter, handler, request->id, response, [&] { return channel_->send_object(request); },
+    *channel_, waiter, handler, request->id, response, [&] { return channel_->send_object(request); },
     [&](ACE_Time_Value& at) {
       if (timeout > 600 || timeout < 0)
         timeout = 600;
@@ -222,7 +226,7 @@ bool JSON_RPC_Session::request(const char* method, JSON_Generator* params, JSON_
     return false;
   JSON_RPC_Request_Generator generator(method, params);
   return send_and_wait(
-    waiter, handler, json_spirit::Value(generator.id()), response,
+    *channel_, waiter, handler, json_spirit::Value(generator.id()), response,
     [&] { return channel_->send_generator(generator); },
     [&](ACE_Time_Value& at) {
       if (timeout < 0)

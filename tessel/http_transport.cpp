@@ -183,12 +183,7 @@ ssize_t HTTP_Transport::recv_raw(void* buffer, size_t length)
   Spin_Wait spin(receivers);
   // An answer on its way is taken as it comes, without a sleep: the socket
   // is looked at a few times before the blocking read.
-  if (spin.spin(
-        [&] {
-          n = ::recv(stream_.get_handle(), buffer, length, MSG_DONTWAIT);
-          return n >= 0 || !(would_block(errno) || errno == EINTR);
-        },
-        Spin_Wait::spin_time, 64))
+  if (spin.recv(stream_.get_handle(), buffer, length, n))
     return n;
   for (;;)
   {

@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
+
+#include <sys/socket.h>
 
 /// A short busy wait ahead of a sleep, for an answer that usually comes
 /// back within one round trip to a thread on another core. Waking a
@@ -50,6 +53,21 @@ public:
       return false;
     return poll(ready, std::chrono::steady_clock::now() + std::min<std::chrono::steady_clock::duration>(limit, spin_time),
                 pauses, false);
+  }
+
+  /// Takes from a socket what is there or comes within the spin, without
+  /// blocking: true with n set to what recv gave (data, the end or a
+  /// failure), false when nothing came and the caller is to block.
+  bool recv(int fd, void* buffer, size_t length, ssize_t& n,
+            std::chrono::steady_clock::duration limit = spin_time)
+  {
+    // A system call is slow next to a look at memory: a few pauses apart.
+    return spin(
+      [&] {
+        n = ::recv(fd, buffer, length, MSG_DONTWAIT);
+        return n >= 0 || !(errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+      },
+      limit, 64);
   }
 
   /// The loop of a spin: ready() until it gives true or end has passed.

@@ -5,12 +5,15 @@
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_spirit/json_spirit_writer.h"
+#include "tessel/spin_wait.h"
 #include "tessel/utils.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 #include <ace/OS_NS_fcntl.h>
+#include <ace/OS_NS_sys_time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -20,8 +23,11 @@
 #include <netinet/tcp.h>
 #include <new>
 #include <poll.h>
+#include <linux/futex.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
+#include <unistd.h>
 #include <system_error>
 
 namespace
@@ -39,6 +45,43 @@ namespace
   std::chrono::steady_clock::duration to_duration(const ACE_Time_Value& t)
   {
     return std::chrono::seconds(t.sec()) + std::chrono::microseconds(t.usec());
+  }
+
+  // How long the read thread stands aside for callers at most.
+  const long park_limit_ns = 1000 * 1000;
+
+  long long now_ns()
+  {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+  }
+
+  // Threads that read a channel for themselves while they wait.
+  std::atomic<int> lenders(0);
+
+  // True on a thread while it reads a channel: the handlers it runs meanwhile
+  // must not start reading another one.
+  thread_local bool reading = false;
+
+  struct Reading_Mark
+  {
+    Reading_Mark() { reading = true; }
+    ~Reading_Mark() { reading = false; }
+  };
+
+  long futex(std::atomic<int>* word, int op, int value, const struct timespec* limit)
+  {
+    return ::syscall(SYS_futex, word, op, value, limit, nullptr, 0);
+  }
+
+  bool is_response(const JSON_RPC_Object& object)
+  {
+    return object.type == JSON_RPC_Object::TYPE_RESPONSE || object.type == JSON_RPC_Object::TYPE_RESPONSE_ERROR;
+  }
+
+  void nothing_to_dispatch(const std::string& peer)
+  {
+    ACE_DEBUG((LM_WARNING, "TCP %C: message with nothing to dispatch ignored.\n", peer.c_str()));
   }
 
   // Milliseconds left until deadline, rounded up; 0 when it has passed.
@@ -161,7 +204,8 @@ void TCP_Channel::Output::drop()
 
 TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
   : options_(options), closing_(false), registered_(false), io_adapter_(io_lock_), output_failed_(false),
-    streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map)
+    streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map),
+    token_(true), call_(0), lent_at_(0), frames_(nullptr), lent_end_(LENT_READING), lent_n_(0), lent_errno_(0)
 {
   stream_.set_handle(stream.get_handle());
   stream.set_handle(ACE_INVALID_HANDLE);
@@ -262,6 +306,7 @@ void TCP_Channel::close()
 {
   closing_ = true;
   shutdown(SHUT_RDWR);
+  call_reader();
   {
     // thread_ is set once start() has let go of this.
     std::lock_guard<std::mutex> started(start_mutex_);
@@ -333,62 +378,98 @@ void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
 void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
 {
   JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
-  TCP_Frame_Reader::Handler deliver = [this, dispatcher](JSON_RPC_Reader& reader) {
+  bool answered = false;
+  TCP_Frame_Reader::Handler deliver = [this, dispatcher, &answered](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (object.get())
     {
+      answered = answered || is_response(*object);
       if (!options_.forward_responses || !pass_back(object))
         dispatcher->dispatch(self_, object);
     }
     else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
-      ACE_DEBUG((LM_WARNING, "TCP %C: message with nothing to dispatch ignored.\n", peer_.c_str()));
+      nothing_to_dispatch(peer_);
     return !closing_;
   };
-  std::unique_ptr<char[]> buffer(new char[read_chunk]);
+  read_buffer_.reset(new char[read_chunk]);
+  frames_ = &frames;
+  reading = true;
+  const bool lending = !options_.forward_responses;
   const Clock::duration limit = to_duration(options_.read_limit);
   // Reads block in recv itself, one call per piece; the read limit rides
   // on SO_RCVTIMEO while a message is incomplete (0: no limit in force).
   int timeout_ms = 0;
+  // Every way out of the loop keeps the token: no caller reads any more.
+  bool held = true;
   for (;;)
   {
-    int wait = 0;
-    if (frames.in_message())
+    if (!held)
     {
-      wait = ms_until(frames.started() + limit);
-      if (wait == 0)
-      {
-        ACE_ERROR((LM_ERROR, "TCP %C: message not complete within %d ms; closing the connection.\n", peer_.c_str(),
-                   static_cast<int>(options_.read_limit.msec())));
-        return;
-      }
+      // While callers come back to read for themselves, it stays aside.
+      if (!stand_aside() && now_ns() - lent_at_.load() < park_limit_ns)
+        continue;
+      if (token_.exchange(true))
+        continue;
+      held = true;
     }
-    if (wait != timeout_ms)
+    // What a caller read and left here, in the order it came.
+    if (!handed_.empty())
     {
-      struct timeval tv = {wait / 1000, (wait % 1000) * 1000};
-      if (::setsockopt(stream_.get_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == -1)
-      {
-        ACE_ERROR((LM_ERROR, "TCP %C: failed to set the read limit, errno=%d, %m; closing the connection.\n",
-                   peer_.c_str(), errno));
+      std::vector<JSON_RPC_Object_Ptr> objects;
+      objects.swap(handed_);
+      for (const JSON_RPC_Object_Ptr& object : objects)
+        dispatcher->dispatch(self_, object);
+      if (closing_)
         return;
-      }
-      timeout_ms = wait;
     }
-    ssize_t n = ::recv(stream_.get_handle(), buffer.get(), read_chunk, 0);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+    ssize_t n;
+    int error;
+    if (lent_end_ == LENT_FAILED)
+    {
+      protocol_error(frames);
+      return;
+    }
+    if (lent_end_ == LENT_STOPPED)
+      return;
+    if (lent_end_ == LENT_RECV)
+    {
+      n = lent_n_;
+      error = lent_errno_;
+      lent_end_ = LENT_READING;
+    }
+    else
+    {
+      int wait = 0;
+      if (frames.in_message())
+      {
+        wait = ms_until(frames.started() + limit);
+        if (wait == 0)
+        {
+          ACE_ERROR((LM_ERROR, "TCP %C: message not complete within %d ms; closing the connection.\n", peer_.c_str(),
+                     static_cast<int>(options_.read_limit.msec())));
+          return;
+        }
+      }
+      if (wait != timeout_ms)
+      {
+        struct timeval tv = {wait / 1000, (wait % 1000) * 1000};
+        if (::setsockopt(stream_.get_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == -1)
+        {
+          ACE_ERROR((LM_ERROR, "TCP %C: failed to set the read limit, errno=%d, %m; closing the connection.\n",
+                     peer_.c_str(), errno));
+          return;
+        }
+        timeout_ms = wait;
+      }
+      n = ::recv(stream_.get_handle(), read_buffer_.get(), read_chunk, 0);
+      error = errno;
+    }
+    if (n < 0 && (error == EINTR || error == EAGAIN || error == EWOULDBLOCK))
       continue;
-    if (n < 0 && errno != ECONNRESET)
-    {
-      if (!closing_)
-        ACE_ERROR((LM_ERROR, "TCP %C: failed to read, errno=%d, %m; closing the connection.\n", peer_.c_str(), errno));
+    if (read_ended(n, error, frames))
       return;
-    }
-    if (n <= 0)
-    {
-      if (frames.in_message() && !closing_)
-        ACE_DEBUG((LM_WARNING, "TCP %C: connection closed in the middle of a message.\n", peer_.c_str()));
-      return;
-    }
-    int f = frames.feed(buffer.get(), static_cast<size_t>(n), deliver);
+    answered = false;
+    int f = frames.feed(read_buffer_.get(), static_cast<size_t>(n), deliver);
     if (f == -1)
     {
       protocol_error(frames);
@@ -396,7 +477,180 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
     }
     if (f == 1 || closing_)
       return;
+    // A caller that was just answered may soon wait again: it reads for
+    // itself then, unless others wait already.
+    if (answered && lending)
+    {
+      token_.store(false);
+      held = followers_waiting() && !token_.exchange(true);
+    }
   }
+}
+
+bool TCP_Channel::read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames)
+{
+  if (n < 0 && error != ECONNRESET)
+  {
+    if (!closing_)
+    {
+      errno = error;
+      ACE_ERROR((LM_ERROR, "TCP %C: failed to read, errno=%d, %m; closing the connection.\n", peer_.c_str(), error));
+    }
+    return true;
+  }
+  if (n <= 0)
+  {
+    if (frames.in_message() && !closing_)
+      ACE_DEBUG((LM_WARNING, "TCP %C: connection closed in the middle of a message.\n", peer_.c_str()));
+    return true;
+  }
+  return false;
+}
+
+bool TCP_Channel::stand_aside()
+{
+  // Back at once when called; after park_limit anyway, so that a request or
+  // notification that comes while no caller reads waits little.
+  if (call_.exchange(0) == 1)
+    return true;
+  struct timespec limit = {0, park_limit_ns};
+  futex(&call_, FUTEX_WAIT_PRIVATE, 0, &limit);
+  return call_.exchange(0) == 1;
+}
+
+void TCP_Channel::call_reader()
+{
+  if (call_.exchange(1) == 0)
+    futex(&call_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+}
+
+bool TCP_Channel::wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  if (options_.forward_responses || reading || wait.done())
+    return wait.wait(deadline);
+  if (!token_.exchange(true))
+  {
+    if (lend(wait, deadline))
+      return true;
+    follow(&wait, true);
+  }
+  else
+  {
+    // Entered before the second look at the token, and whoever lets go of
+    // it looks for followers afterwards: so nobody sleeps while nobody
+    // reads.
+    follow(&wait, true);
+    if (!wait.done() && !token_.exchange(true))
+    {
+      follow(&wait, false);
+      if (lend(wait, deadline))
+        return true;
+      follow(&wait, true);
+    }
+  }
+  bool done = wait.wait(deadline);
+  follow(&wait, false);
+  return done;
+}
+
+// Reads for wait with the token, then lets go of it: true when the response
+// is in. Otherwise the deadline has passed or the read thread is called.
+bool TCP_Channel::lend(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  bool hand_over = read_lent(wait, deadline);
+  lent_at_.store(now_ns());
+  token_.store(false);
+  if (hand_over || followers_waiting())
+    call_reader();
+  return wait.done();
+}
+
+void TCP_Channel::follow(JSON_RPC_Response_Wait* wait, bool add)
+{
+  std::lock_guard<std::mutex> guard(followers_lock_);
+  if (add)
+    followers_.push_back(wait);
+  else
+    followers_.erase(std::find(followers_.begin(), followers_.end(), wait));
+}
+
+bool TCP_Channel::followers_waiting()
+{
+  std::lock_guard<std::mutex> guard(followers_lock_);
+  return std::any_of(followers_.begin(), followers_.end(), [](JSON_RPC_Response_Wait* w) { return !w->done(); });
+}
+
+bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
+  bool handing = false;
+  TCP_Frame_Reader::Handler deliver = [this, dispatcher, &handing](JSON_RPC_Reader& reader) {
+    JSON_RPC_Object_Ptr object = reader.object();
+    if (!object.get())
+      nothing_to_dispatch(peer_);
+    else if (handing || !is_response(*object))
+    {
+      // Handlers of requests run on the read thread; what follows them
+      // waits its turn behind them.
+      handed_.push_back(object);
+      handing = true;
+    }
+    else
+      dispatcher->dispatch(self_, object);
+    return !closing_;
+  };
+  Reading_Mark mark;
+  Spin_Wait spin(lenders);
+  const Clock::duration limit = to_duration(options_.read_limit);
+  while (!wait.done())
+  {
+    if (closing_)
+      return true;
+    int wait_ms = -1;
+    if (deadline)
+    {
+      ACE_Time_Value left = *deadline - ACE_OS::gettimeofday();
+      if (left <= ACE_Time_Value::zero)
+        return false;
+      wait_ms = static_cast<int>(std::min<long long>(left.sec() * 1000LL + (left.usec() + 999) / 1000, INT_MAX));
+    }
+    if (frames_->in_message())
+    {
+      // The read thread knows what to do when a peer stalls.
+      int left = ms_until(frames_->started() + limit);
+      if (left == 0)
+        return true;
+      wait_ms = wait_ms < 0 ? left : std::min(wait_ms, left);
+    }
+    ssize_t n;
+    if (!spin.recv(stream_.get_handle(), read_buffer_.get(), read_chunk, n,
+                   std::chrono::milliseconds(wait_ms < 0 ? INT_MAX : wait_ms)))
+    {
+      struct pollfd p = {stream_.get_handle(), POLLIN, 0};
+      int r = ::poll(&p, 1, wait_ms);
+      if (r <= 0)
+        continue;
+      n = ::recv(stream_.get_handle(), read_buffer_.get(), read_chunk, MSG_DONTWAIT);
+    }
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+      continue;
+    if (n <= 0)
+    {
+      lent_end_ = LENT_RECV;
+      lent_n_ = n;
+      lent_errno_ = errno;
+      return true;
+    }
+    int f = frames_->feed(read_buffer_.get(), static_cast<size_t>(n), deliver);
+    if (f != 0)
+    {
+      lent_end_ = f == -1 ? LENT_FAILED : LENT_STOPPED;
+      return true;
+    }
+    if (handing)
+      return true;
+  }
+  return false;
 }
 
 void TCP_Channel::protocol_error(TCP_Frame_Reader& frames)

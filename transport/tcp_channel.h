@@ -18,6 +18,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 class ACE_Log_Msg_Callback;
 class TCP_Frame_Reader;
@@ -26,7 +27,15 @@ class TCP_Frame_Reader;
 ///
 /// Reading: one thread per connection feeds the bytes through a
 /// TCP_Frame_Reader to a JSON_RPC_Reader and hands each message to
-/// JSON_RPC_Dispatcher::dispatch. That thread holds a strong pointer to the
+/// JSON_RPC_Dispatcher::dispatch. Once it has dispatched a response and no
+/// other caller waits, it steps aside for up to a millisecond: a caller
+/// that waits for its response over this channel meanwhile
+/// (wait_response) reads the socket itself, on its own thread, and spares
+/// the hand-off from the read thread to it. Such a caller dispatches the
+/// responses it meets (their handlers run on its thread) and leaves
+/// requests and notifications, and everything after them, to the read
+/// thread, which runs their handlers as always. Channels that forward
+/// responses always read on their own thread. That thread holds a strong pointer to the
 /// channel while the connection is up, so the object outlives it; close()
 /// ends a connection. When it ends (the peer's end, close(), bad input, a
 /// failed write), the read thread takes the channel out of
@@ -134,6 +143,10 @@ public:
   /// A direct TCP peer is its own origin: the remote address.
   int get_original_addr(ACE_Addr& addr) const override;
   ACE_Lock* io_mutex() override { return &io_adapter_; }
+  /// Reads the channel on the calling thread while the read thread stands
+  /// aside (see above); otherwise, or from a thread that is reading a
+  /// channel itself, it only waits.
+  bool wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline) override;
 
 private:
   typedef std::chrono::steady_clock Clock;
@@ -171,6 +184,13 @@ private:
   int start_i(JSON_RPC_Channel_Strong_Ptr self);
   void run(JSON_RPC_Channel_Strong_Ptr* self, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask);
   void read_loop(TCP_Frame_Reader& frames);
+  bool read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames);
+  bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  bool stand_aside();
+  void call_reader();
+  bool lend(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  void follow(JSON_RPC_Response_Wait* wait, bool add);
+  bool followers_waiting();
   void protocol_error(TCP_Frame_Reader& frames);
   void linger();
   void deregister(JSON_RPC_Channel_Strong_Ptr& self);
@@ -209,6 +229,31 @@ private:
 
   ACE_Thread_Mutex forward_lock_;
   std::unique_ptr<JSON_RPC_Forward_Map> forward_map_; // null once closed
+
+  // Whoever holds token_ (the read thread, or a caller in wait_response)
+  // reads the socket into *frames_ and read_buffer_. The read thread holds
+  // it from the start, and for good once it stops reading.
+  std::atomic<bool> token_;
+  // Callers asleep in wait_response while another thread reads.
+  std::mutex followers_lock_;
+  std::vector<JSON_RPC_Response_Wait*> followers_;
+  // 1 when the read thread is wanted back at once (a futex word).
+  std::atomic<int> call_;
+  // When a caller last let go of the token, in steady clock nanoseconds.
+  std::atomic<long long> lent_at_;
+  TCP_Frame_Reader* frames_;
+  std::unique_ptr<char[]> read_buffer_;
+  // What a caller read but left to the read thread; under token_.
+  std::vector<JSON_RPC_Object_Ptr> handed_;
+  enum Lent_End
+  {
+    LENT_READING,
+    LENT_RECV,
+    LENT_FAILED,
+    LENT_STOPPED
+  } lent_end_;
+  ssize_t lent_n_;
+  int lent_errno_;
 
   // start_mutex_ makes the read thread wait until thread_ is set;
   // thread_mutex_ lets one closer at a time join it.

@@ -23,6 +23,8 @@ namespace
   std::vector<std::pair<JSON_RPC_Channel_Weak_Ptr, Value>> hung_calls;
   JSON_RPC_Channel_Strong_Ptr backend_link;
   std::atomic<int> notes{0};
+  // Notifications of "seen": the thread that handled each, and its params.
+  std::vector<std::pair<std::thread::id, Value>> seen;
 
   size_t hung_count()
   {
@@ -36,6 +38,17 @@ namespace
     void SetUp() override
     {
       add_handler("note", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&) { return ++notes, 0; });
+      // Slow, so that a response overtaking it would show.
+      add_handler("seen", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request& request) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        std::lock_guard<std::mutex> guard(state_mutex);
+        seen.emplace_back(std::this_thread::get_id(), request.params);
+        return 0;
+      });
+      add_handler("tell.then.echo", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
+        channel->send_object(make_message("seen", request.params));
+        return echo(channel, request);
+      });
       // Never answers.
       add_handler("hang", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
         std::lock_guard<std::mutex> guard(state_mutex);
@@ -172,6 +185,28 @@ namespace
     for (std::thread& caller : callers)
       caller.join();
     EXPECT_EQ(100, answered.load());
+  }
+
+  TEST_P(Loopback, WhatComesBeforeAResponseIsHandledOnTheReadThreadFirst)
+  {
+    // The peer sends a notification ahead of each answer. Whether the read
+    // thread or the waiting caller reads them, the notification's handler
+    // runs on the read thread, and is done before the call returns.
+    {
+      std::lock_guard<std::mutex> guard(state_mutex);
+      seen.clear();
+    }
+    start();
+    JSON_RPC_Channel_Strong_Ptr client = connect();
+    for (int i = 0; i < 30; ++i)
+    {
+      ASSERT_EQ(Value(Array{i}), result_of(call(client, "tell.then.echo", Array{i})));
+      std::lock_guard<std::mutex> guard(state_mutex);
+      ASSERT_EQ(size_t(i + 1), seen.size());
+      EXPECT_EQ(Value(Array{i}), seen.back().second);
+      EXPECT_NE(std::this_thread::get_id(), seen.back().first);
+    }
+    close(client);
   }
 
   TEST_P(Loopback, NotificationsReachHandlerOrSubscribersStarAndGlobalChannel)
