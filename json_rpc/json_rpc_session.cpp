@@ -23,9 +23,6 @@
 
 namespace
 {
-  // Threads of this process that wait for a response.
-  std::atomic<int> waiters(0);
-
   long futex(std::atomic<int>* word, int op, int value, const struct timespec* at)
   {
     return ::syscall(SYS_futex, word, op, value, at, nullptr, FUTEX_BITSET_MATCH_ANY);
@@ -75,7 +72,7 @@ namespace
     // False with errno ETIME once deadline (absolute, null: none) passed.
     bool wait_set(const ACE_Time_Value* deadline)
     {
-      Spin_Wait spin(waiters);
+      Spin_Wait spin;
       std::chrono::steady_clock::duration limit = Spin_Wait::spin_time;
       if (deadline)
       {

@@ -108,9 +108,6 @@ namespace
   }
 
   bool would_block(int e) { return e == EAGAIN || e == EWOULDBLOCK; }
-
-  // Threads of this process that wait in a read.
-  std::atomic<int> receivers(0);
 }
 
 void HTTP_Transport::read_timeout(int seconds)
@@ -180,7 +177,7 @@ int HTTP_Transport::send_raw(const iovec* iov, int count)
 ssize_t HTTP_Transport::recv_raw(void* buffer, size_t length)
 {
   ssize_t n = -1;
-  Spin_Wait spin(receivers);
+  Spin_Wait spin;
   // An answer on its way is taken as it comes, without a sleep: the socket
   // is looked at a few times before the blocking read.
   if (spin.recv(stream_.get_handle(), buffer, length, n))

@@ -1,6 +1,8 @@
 #ifndef TESSEL_SPIN_WAIT_H
 #define TESSEL_SPIN_WAIT_H
 
+#include "tessel/tessel_export.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -18,15 +20,18 @@
 /// milliseconds that the waiter would lose while its answer is there.
 ///
 /// Only a thread that waits alone spins: waiters counts the threads that
-/// wait on the same kind of answer, and with others waiting too the cores
-/// have other work to do.
-class Spin_Wait
+/// wait for an answer, and with others waiting too the cores have other
+/// work to do.
+class TESSEL_EXPORT Spin_Wait
 {
 public:
   static constexpr std::chrono::microseconds spin_time{50};
 
   /// Counts the calling thread among waiters until destroyed.
   explicit Spin_Wait(std::atomic<int>& waiters) : waiters_(waiters), alone_(waiters.fetch_add(1) == 0) {}
+  /// Counts it among all the threads of the process that wait for an answer
+  /// from a peer, however they wait: calls over channels and HTTP alike.
+  Spin_Wait() : Spin_Wait(callers()) {}
   ~Spin_Wait() { waiters_.fetch_sub(1); }
   Spin_Wait(const Spin_Wait&) = delete;
   Spin_Wait& operator=(const Spin_Wait&) = delete;
@@ -93,6 +98,8 @@ public:
   }
 
 private:
+  static std::atomic<int>& callers();
+
   std::atomic<int>& waiters_;
   bool alone_;
 };

@@ -1,4 +1,5 @@
 #include "tessel/utils.h"
+#include "tessel/spin_wait.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_stdlib.h>
@@ -146,4 +147,10 @@ bool Exponential_Backoff_Iterator::operator==(const Exponential_Backoff_Iterator
   if (at_end() || other.at_end())
     return at_end() == other.at_end();
   return wait_ == other.wait_ && left_ == other.left_ && cumulation_ == other.cumulation_;
+}
+
+std::atomic<int>& Spin_Wait::callers()
+{
+  static std::atomic<int> count(0);
+  return count;
 }

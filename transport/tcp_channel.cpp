@@ -56,9 +56,6 @@ namespace
       .count();
   }
 
-  // Threads that read a channel for themselves while they wait.
-  std::atomic<int> lenders(0);
-
   // True on a thread while it reads a channel: the handlers it runs meanwhile
   // must not start reading another one.
   thread_local bool reading = false;
@@ -600,7 +597,7 @@ bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* 
     return !closing_;
   };
   Reading_Mark mark;
-  Spin_Wait spin(lenders);
+  Spin_Wait spin;
   const Clock::duration limit = to_duration(options_.read_limit);
   while (!wait.done())
   {
