@@ -139,7 +139,7 @@ namespace
   // ------------------------------------------------------------ our side
 
   // A channel whose send_object writes the message into memory, as a
-  // transport's output would.
+  // transport's output would; like the TCP transport, it keeps its writer.
   class Buffer_Channel : public Memory_Channel
   {
   public:
@@ -147,10 +147,13 @@ namespace
     {
       output.clear();
       YAJL_String_Printer printer(&output);
-      return JSON_RPC_Writer().write(*object, printer) ? 0 : -1;
+      return writer_.write(*object, printer) ? 0 : -1;
     }
 
     std::string output;
+
+  private:
+    JSON_RPC_Writer writer_;
   };
 
   // Answers with the params, on the dispatching thread. It copies them, as
@@ -791,17 +794,23 @@ namespace
        true},
       {"in-process 1.4 MB: ours / libjson-rpc-cpp calls/s", div(rate("inproc/large/ours"), rate("inproc/large/ref")),
        10, true},
+      // Our handlers own the request and may take its params; libjson-rpc-cpp
+      // gives its methods a const view, so its echo can only copy.
+      {"in-process 200 B, echo moving: ours / libjson-rpc-cpp",
+       div(rate("inproc/small/ours-move"), rate("inproc/small/ref")), 3, true},
+      {"in-process 1.4 MB, echo moving: ours / libjson-rpc-cpp",
+       div(rate("inproc/large/ours-move"), rate("inproc/large/ref")), 10, true},
       {"TCP 1 conn: ours p50 / raw floor p50", div(p50("tcp/1/ours"), p50("tcp/1/raw")), 1.2, false},
       {"TCP 8 threads: ours / libjson-rpc-cpp HTTP calls/s", div(rate("tcp/8/ours"), rate("http/8/ref")), 2, true},
       {"HTTP 1 conn: ours / libjson-rpc-cpp client calls/s", div(rate("http/1/ours"), rate("http/1/ref")), 1.2, true},
       {"HTTP 1 conn: ours p50 / raw TCP floor p50", div(p50("http/1/ours"), p50("tcp/1/raw")), 1.3, false},
       {"16 MB response: ours / raw YAJL speed", div(big_ours, big_yajl), 0.5, true},
     };
-    std::printf("\n%-52s %8s %10s  %s\n", "target", "ratio", "wanted", "");
+    std::printf("\n%-56s %8s %10s  %s\n", "target", "ratio", "wanted", "");
     for (const Target& t : targets)
     {
       bool met = t.ratio > 0 && (t.at_least ? t.ratio >= t.bound : t.ratio <= t.bound);
-      std::printf("%-52s %7.2fx %3s %5.1fx  %s\n", t.what, t.ratio, t.at_least ? ">=" : "<=", t.bound,
+      std::printf("%-56s %7.2fx %3s %5.1fx  %s\n", t.what, t.ratio, t.at_least ? ">=" : "<=", t.bound,
                   met ? "met" : "MISSED");
     }
   }
