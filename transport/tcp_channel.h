@@ -28,15 +28,19 @@ class TCP_Frame_Reader;
 /// Reading: one thread per connection feeds the bytes through a
 /// TCP_Frame_Reader to a JSON_RPC_Reader and hands each message to
 /// JSON_RPC_Dispatcher::dispatch. Once it has dispatched a response and no
-/// other caller waits, it steps aside for up to a millisecond: a caller
-/// that waits for its response over this channel meanwhile
-/// (wait_response) reads the socket itself, on its own thread, and spares
-/// the hand-off from the read thread to it. Such a caller dispatches the
+/// other caller waits, it steps aside: a caller that waits for its response
+/// over this channel (wait_response) reads the socket itself, on its own
+/// thread, and spares the hand-off from the read thread to it. The read
+/// thread comes back when called, or when no caller has read for a
+/// millisecond, so a request or notification that arrives while nobody
+/// reads waits a millisecond or two at most. Such a caller dispatches the
 /// responses it meets (their handlers run on its thread) and leaves
 /// requests and notifications, and everything after them, to the read
 /// thread, which runs their handlers as always. Channels that forward
-/// responses always read on their own thread. That thread holds a strong pointer to the
-/// channel while the connection is up, so the object outlives it; close()
+/// responses always read on their own thread.
+///
+/// The read thread holds a strong pointer to the channel while the
+/// connection is up, so the object outlives it; close()
 /// ends a connection. When it ends (the peer's end, close(), bad input, a
 /// failed write), the read thread takes the channel out of
 /// JSON_RPC_Channel_Map, JSON_RPC_Notify_Manager and the pool, answers the
