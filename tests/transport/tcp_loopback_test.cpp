@@ -49,6 +49,12 @@ namespace
         channel->send_object(make_message("seen", request.params));
         return echo(channel, request);
       });
+      add_handler("echo.then.tell", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
+        echo(channel, request);
+        // Late enough that the caller has its answer and reads no more.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return channel->send_object(make_message("seen", request.params));
+      });
       // Never answers.
       add_handler("hang", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
         std::lock_guard<std::mutex> guard(state_mutex);
@@ -187,7 +193,7 @@ namespace
     EXPECT_EQ(100, answered.load());
   }
 
-  TEST_P(Loopback, WhatComesBeforeAResponseIsHandledOnTheReadThreadFirst)
+  TEST_P(Loopback, NoticesAroundCallsAreHandledOnTheReadThreadInOrder)
   {
     // The peer sends a notification ahead of each answer. Whether the read
     // thread or the waiting caller reads them, the notification's handler
@@ -206,6 +212,12 @@ namespace
       EXPECT_EQ(Value(Array{i}), seen.back().second);
       EXPECT_NE(std::this_thread::get_id(), seen.back().first);
     }
+    // A notice after the last answer, when no caller reads any more.
+    ASSERT_EQ(Value(Array{30}), result_of(call(client, "echo.then.tell", Array{30})));
+    EXPECT_TRUE(eventually([] {
+      std::lock_guard<std::mutex> guard(state_mutex);
+      return seen.size() == 31;
+    }));
     close(client);
   }
 
