@@ -123,31 +123,3 @@ TEST(JSON_RPC_Reader, OpenKeepsTheModeAndStartsReading)
   EXPECT_EQ(17u, reader.mode());
   EXPECT_FALSE(reader.is_open());
 }
-
-TEST(JSON_RPC_Reader, RefusesBadTextWithALogLine)
-{
-  const char* bad[] = {
-    "{\"method\":\"m\",\"params\":[\"\xc3\x28\"]}", // invalid UTF-8
-    "{\"method\":\"\xff\"}",
-    "{\"m\xe2\x82\":1}",
-    "{\"method\":\"m\",\"params\":[1,2",              // truncated
-    "{\"method\":\"m\"",
-    "{\"method\":\"m\"}{\"method\":\"n\"}",           // two documents
-    "{\"method\":\"m\"} x",
-    "{\"method\":\"m\",}",
-    "{\"method\":\"m\",\"params\":[1e400]}",
-    "{\"method\":\"m\"}\f",
-    "{\"method\":\"m\",\"params\":\"\v\"}",
-    "",
-  };
-  for (const char* text : bad)
-  {
-    for (size_t piece : {size_t(0), size_t(1)})
-    {
-      Log_Capture cap;
-      Read_Outcome r = read_message(text, piece);
-      EXPECT_FALSE(r.ok) << text;
-      EXPECT_EQ(1u, cap.count("Failed to parse JSON-RPC: ")) << text << "\n" << cap.text();
-    }
-  }
-}

@@ -144,32 +144,6 @@ TEST(JSON_Parser, FillsAnEmptyContainerWithoutItsOpeningEvent)
   EXPECT_FALSE(parser.handle_null_i());
 }
 
-TEST(JSON_Reader, RefusesBadTextWithALogLine)
-{
-  const char* bad[] = {
-    "[1, 2",                // truncated
-    "{\"a\":1} {\"b\":2}",  // two documents
-    "[1] x",
-    "\"\xc3\x28\"",         // invalid UTF-8
-    "\"\xff\"",
-    "[1,]",
-    "",
-    "   ",
-    "[1e400]",              // no double holds it
-    "[1,\f2]",              // YAJL would take these for blanks
-    "\v[]",
-  };
-  for (const char* text : bad)
-  {
-    Log_Capture cap;
-    Value v;
-    EXPECT_FALSE(read(text, v)) << text;
-    EXPECT_TRUE(cap.contains("Failed to parse JSON: ") || cap.contains("refused")) << text << ": " << cap.text();
-    Value single;
-    EXPECT_FALSE(read(text, single, 1)) << text;
-  }
-}
-
 TEST(JSON_Reader, CanBeOpenedAgainAfterAFailure)
 {
   Log_Capture cap;
