@@ -31,28 +31,6 @@ TEST(Message_Limits, AMillionLevelsOfParamsAreRefusedWithALogLine)
   EXPECT_EQ("type=2 version=2.0 id=1 method=m params=[1]", describe(next.object));
 }
 
-TEST(Message_Limits, EveryAcceptedDepthIsWrittenWhole)
-{
-  Log_Capture cap;
-  unsigned int deepest = 0;
-  for (unsigned int depth = 100; depth <= json_spirit::max_depth + 2; ++depth)
-  {
-    for (const std::string& text : {request_with_params(nested(depth)),
-                                    "{\"id\":1,\"error\":{\"code\":1,\"message\":\"\",\"data\":" + nested(depth) + "}}"})
-    {
-      Read_Outcome r = read_message(text);
-      if (!r.ok)
-        continue;
-      deepest = std::max(deepest, depth);
-      const std::string written = write_object(*r.object);
-      Read_Outcome again = read_message(written);
-      ASSERT_TRUE(again.ok) << "depth " << depth << ": " << written;
-      EXPECT_EQ(describe(r.object), describe(again.object)) << "depth " << depth;
-    }
-  }
-  EXPECT_GE(deepest, json_spirit::max_depth - 3);
-}
-
 TEST(Message_Limits, AHundredMegabyteStringInParamsFedIn64KiBPieces)
 {
   const Big_Text text{"{\"jsonrpc\":\"2.0\",\"method\":\"big\",\"params\":[\"",

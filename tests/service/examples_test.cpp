@@ -7,7 +7,10 @@
 #include "json_rpc/json_restful.h"
 #include "json_rpc/json_rpc_reader.h"
 
+#include <ace/Service_Config.h>
 #include <gtest/gtest.h>
+
+#include <mutex>
 
 namespace
 {
@@ -19,7 +22,11 @@ namespace
   protected:
     void SetUp() override
     {
-      open_configurator();
+      // Opened once for the process, without the default svc.conf and static services.
+      static std::once_flag once;
+      std::call_once(once, [] {
+        ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
+      });
       const std::string examples = EXAMPLES_DIR, lib = EXAMPLES_LIB_DIR;
       for (const char* name : {"handlers.json", "filters.json", "restful.json"})
         dir.write(name, replace_all(read_file(examples + "/conf/" + name), "build/lib/", lib + "/"));
@@ -77,30 +84,6 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
   // Nothing answers a notification.
   dispatcher->dispatch(JSON_RPC_Channel_Weak_Ptr(publisher), make_message("echo", 1));
   EXPECT_EQ(0u, fake(publisher).count());
-}
-
-TEST_F(Examples, SumStreamAddsUpTheArrayWhileItArrives)
-{
-  std::string text = "{\"jsonrpc\":\"2.0\",\"method\":\"sum.stream\",\"params\":[";
-  const long long n = 200000;
-  for (long long i = 1; i <= n; ++i)
-    text += (i > 1 ? "," : "") + std::to_string(i);
-  text += "],\"id\":3}";
-  // Read as a transport does, in pieces, with params filters on.
-  JSON_RPC_Channel_Strong_Ptr channel = make_channel();
-  JSON_RPC_Reader reader;
-  reader.mode(JSON_RPC_Reader::MODE_ASSEMBLE | JSON_RPC_Reader::MODE_FILTER_REQUEST);
-  ASSERT_TRUE(reader.open());
-  reader.request_channel(channel);
-  for (size_t at = 0; at < text.size(); at += 1000)
-    ASSERT_TRUE(reader.read(text.data() + at, std::min<size_t>(1000, text.size() - at)));
-  ASSERT_TRUE(reader.read(nullptr, 0));
-  ASSERT_NE(nullptr, reader.object().get());
-  // The array never became a tree: the filter left only the sum.
-  EXPECT_EQ(json_spirit::int_type, as_request(reader.object()).params.type());
-  JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(channel), reader.object());
-  ASSERT_EQ(1u, fake(channel).count());
-  EXPECT_EQ(std::to_string(n * (n + 1) / 2), answer_text(*fake(channel).sent()[0]));
 }
 
 namespace

@@ -245,21 +245,6 @@ TEST_F(Pool_Handler, SecondActivateStopsTheOldWorkersBeforeTheNewOnesStart)
   EXPECT_TRUE(fake(channel).wait_for(2));
 }
 
-TEST_F(Pool_Handler, CallWhosePeerLeftWhileQueuedGetsANullChannel)
-{
-  auto staying = hold_workers(1, 8);
-  {
-    auto leaving = make_channel();
-    ASSERT_EQ(0, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(leaving), request(2)));
-  }
-  gate.open();
-  ASSERT_TRUE(handler.finished.wait_for(2));
-  std::lock_guard<std::mutex> lock(handler.mutex);
-  EXPECT_FALSE(handler.null_channel[1]);
-  EXPECT_TRUE(handler.null_channel[2]);
-  EXPECT_EQ(1u, fake(staying).count());
-}
-
 TEST_F(Pool_Handler, EachKindOfMessageReachesItsCallback)
 {
   auto channel = make_channel();

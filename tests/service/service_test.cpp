@@ -6,7 +6,6 @@
 #include "json_rpc/json_rpc_thread_pool_handler.h"
 #include "tessel/thread_helper.h"
 
-#include <ace/Service_Repository.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -14,20 +13,6 @@
 namespace
 {
   Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
-}
-
-TEST(Service_Options, WithoutOptionsTheSingletonsComeUpAndNoPoolRuns)
-{
-  Log_Capture log;
-  JSON_RPC_Service service;
-  EXPECT_EQ(0, service.init(0, nullptr));
-  EXPECT_EQ(nullptr, pool());
-  EXPECT_EQ(1024u, service.queue_hwm);
-  EXPECT_EQ(512u, service.queue_lwm);
-  EXPECT_TRUE(log.empty()) << log.text();
-  // Requests are routed: an unknown method gets its error.
-  EXPECT_EQ("error -32601", call("nothing"));
-  EXPECT_EQ(0, service.fini());
 }
 
 TEST(Service_Options, ThePoolTakesItsFiguresWhateverTheOptionsPlaceOrForm)
@@ -161,28 +146,4 @@ TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
     ASSERT_EQ(0, JSON_RPC_Request_Map::instance()->insert("witness", "", new Stop_Witness(pool_gone), nullptr));
   }
   EXPECT_EQ(1, pool_gone);
-}
-
-TEST(Service_Configurator, LoadsTheServiceFromADirectiveAndRemovesIt)
-{
-  open_configurator();
-  Temp_Dir dir;
-  std::string file = dir.write("h.json", "[" + record("echo", "make_tagged", "via-ace") + "]");
-  std::string directive = "dynamic JSON_RPC_Service Service_Object * " + std::string(JSON_RPC_LIBRARY) +
-                          ":_make_JSON_RPC_Service() \"-j " + file + " -n 2\"";
-  Log_Capture log;
-  ASSERT_EQ(0, ACE_Service_Config::process_directive(directive.c_str())) << log.text();
-  const ACE_Service_Type* type = nullptr;
-  EXPECT_EQ(0, ACE_Service_Repository::instance()->find("JSON_RPC_Service", &type));
-  EXPECT_EQ("\"via-ace\"", call("echo"));
-  ASSERT_NE(nullptr, pool());
-  EXPECT_EQ(2u, pool()->thr_count());
-  EXPECT_TRUE(log.contains("JSON-RPC thread pool(number: 2, low/high water mark: 512/1024) is activated.\n"));
-
-  EXPECT_EQ(0, ACE_Service_Config::remove("JSON_RPC_Service"));
-  EXPECT_EQ(nullptr, pool());
-  EXPECT_EQ(-1, ACE_Service_Repository::instance()->find("JSON_RPC_Service", &type));
-  // The handler tables went with the service; asking again makes empty ones.
-  EXPECT_EQ(nullptr, JSON_RPC_Request_Map::instance()->find("echo"));
-  JSON_RPC_Request_Map::close_instance();
 }
