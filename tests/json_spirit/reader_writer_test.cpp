@@ -161,12 +161,3 @@ TEST(JSON_Reader, CanBeOpenedAgainAfterAFailure)
   reader.close();
   EXPECT_FALSE(reader.read("1", 1));
 }
-
-TEST(read_string, ReplacesWhatTheTargetHeld)
-{
-  for (Value target : {Value(Array()), Value(Object()), Value(Array{Value(1)}), Value("x")})
-  {
-    ASSERT_TRUE(json_spirit::read_string("[{\"a\":[]}]", target));
-    EXPECT_EQ(Value(Array{Value(Object{{"a", Value(Array())}})}), target);
-  }
-}

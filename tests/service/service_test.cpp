@@ -17,7 +17,7 @@ namespace
 
 TEST(Service_Options, ThePoolTakesItsFiguresWhateverTheOptionsPlaceOrForm)
 {
-  for (const char* line : {"-n 4 -h 100 -l 50", "-l 50 -h 100 -n 4",
+  for (const char* line : {"-l 50 -h 100 -n 4",
                            "--jsonrpc-thread-queue-lwm=50 --jsonrpc-thread-queue-hwm 100 --jsonrpc-thread-number=4"})
   {
     SCOPED_TRACE(line);
@@ -86,19 +86,6 @@ TEST(Service_Options, UnknownOptionsAndMissingArgumentsAreToldAndSkipped)
   for (const char* option : {"x", "nothing", "j"})
     EXPECT_EQ(1u, log.count("Unknown JSON_RPC_Service option " + std::string(option) + "\n")) << log.text();
   EXPECT_EQ(3u, log.count_priority(LM_ERROR)) << log.text();
-}
-
-TEST(Service_Options, FilesAreReadInTheOrderOfTheLine)
-{
-  Temp_Dir dir;
-  std::string a = dir.write("a.json", "[" + record("echo", "make_tagged", "from-a") + "]");
-  std::string b = dir.write("b.json", "[" + record("echo", "make_tagged", "from-b") + "," +
-                                        record("only.b", "make_tagged", "b") + "]");
-  Log_Capture log;
-  Service_Run run("-j " + a + " --jsonrpc " + b);
-  EXPECT_EQ("\"from-a\"", call("echo"));
-  EXPECT_EQ("\"b\"", call("only.b"));
-  EXPECT_EQ(1u, log.count("params='from-b')\n"));
 }
 
 TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)

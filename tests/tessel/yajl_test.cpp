@@ -158,29 +158,3 @@ TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
   EXPECT_LT(parse_calls, 64u);
   yajl_free(h);
 }
-
-TEST(YAJL_Feeder, ReportsAnErrorInGatheredTextWithThatText)
-{
-  Recorder r;
-  yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
-  YAJL_Feeder feeder;
-  const std::string text = "[\"abc\" x]";
-  yajl_status status = yajl_status_ok;
-  for (size_t i = 0; i < text.size() && status == yajl_status_ok; ++i)
-    status = feeder.feed(h, r, &text[i], 1);
-  if (status == yajl_status_ok)
-    status = feeder.feed(h, r, nullptr, 0);
-  EXPECT_EQ(yajl_status_error, status);
-  ASSERT_NE(nullptr, feeder.data());
-  YAJL_Error error(h, true, feeder.data(), feeder.length());
-  EXPECT_NE(nullptr, std::strstr(error.c_str(), "x]")) << error.c_str();
-  yajl_free(h);
-
-  // A premature end has no text to quote.
-  h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
-  feeder.reset();
-  EXPECT_EQ(yajl_status_ok, feeder.feed(h, r, "[1", 2));
-  EXPECT_EQ(yajl_status_error, feeder.feed(h, r, nullptr, 0));
-  EXPECT_EQ(nullptr, feeder.data());
-  yajl_free(h);
-}
