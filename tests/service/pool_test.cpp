@@ -3,7 +3,6 @@
 // replaced, and when a peer goes away while its call waits or runs.
 #include "fake_channel.h"
 #include "log_capture.h"
-#include "sync.h"
 
 #include "json_rpc/json_rpc_thread_handler.h"
 #include "json_rpc/json_rpc_thread_pool_handler_impl.h"
@@ -16,15 +15,66 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <pthread.h>
 #include <thread>
 #include <vector>
 
 namespace
 {
+  /// Holds the threads that wait on it until it is opened.
+  class Gate
+  {
+  public:
+    void open()
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      open_ = true;
+      changed_.notify_all();
+    }
+    bool wait(int seconds = 20)
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      return changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return open_; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool open_ = false;
+  };
+
+  /// Counts events; a waiter wakes when the count reaches its number.
+  class Counter
+  {
+  public:
+    void add()
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++value_;
+      changed_.notify_all();
+    }
+    int value() const
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      return value_;
+    }
+    bool wait_for(int n, int seconds = 20) const
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return value_ >= n; });
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    int value_ = 0;
+  };
+
   JSON_RPC_Object_Ptr request(int id) { return make_message("probe", id, id); }
 
   // A request that counts its own destruction.
