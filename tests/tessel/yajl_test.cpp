@@ -2,64 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <sstream>
 #include <string>
-#include <vector>
-
-namespace
-{
-  // Parses text with the default callback table into handler, fed in
-  // pieces of the given size.
-  bool parse(const std::string& text, YAJL_Handler& handler, size_t piece)
-  {
-    yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &handler);
-    bool ok = true;
-    for (size_t at = 0; ok && at < text.size(); at += piece)
-      ok = yajl_parse(h, reinterpret_cast<const unsigned char*>(text.data()) + at,
-                      std::min(piece, text.size() - at)) == yajl_status_ok;
-    ok = ok && yajl_complete_parse(h) == yajl_status_ok;
-    yajl_free(h);
-    return ok;
-  }
-}
-
-TEST(YAJL_Forward_Handler, RegeneratesTheParsedTextInAnyPieces)
-{
-  const std::string text =
-    "{\"a\":[1,-2.5e3,true,false,null],\"b\":{\"c\":\"\\u00e9\\n\\\"\"},\"d\":[],\"e\":{},\"n\":123456789012345678901}";
-  for (size_t piece : {text.size(), size_t(1), size_t(7)})
-  {
-    std::ostringstream out;
-    YAJL_OStream_Printer printer(&out);
-    yajl_gen g = yajl_gen_alloc(nullptr);
-    yajl_gen_config(g, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
-    YAJL_Forward_Handler forward(g);
-    EXPECT_TRUE(parse(text, forward, piece));
-    yajl_gen_free(g);
-    EXPECT_EQ("{\"a\":[1,-2.5e3,true,false,null],\"b\":{\"c\":\"\xc3\xa9\\n\\\"\"},\"d\":[],\"e\":{},"
-              "\"n\":123456789012345678901}",
-              out.str())
-      << "piece " << piece;
-  }
-  // Without a generator every event is swallowed.
-  YAJL_Forward_Handler none;
-  EXPECT_TRUE(parse(text, none, 5));
-}
-
-TEST(YAJL_Forward_Handler, StopsTheParseWhenTheGeneratorRefuses)
-{
-  std::string out;
-  YAJL_String_Printer printer(&out);
-  yajl_gen g = yajl_gen_alloc(nullptr);
-  yajl_gen_config(g, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer);
-  YAJL_Forward_Handler forward(g);
-  // A second top-level value is refused by the generator.
-  yajl_gen_null(g);
-  EXPECT_FALSE(parse("[1]", forward, 3));
-  yajl_gen_free(g);
-}
 
 namespace
 {
