@@ -61,6 +61,7 @@ TEST(JSON_RPC_Reader, RefusesWhatMakesNoSenseForTheMember)
     {"{\"id\":1.5,\"method\":\"m\"}", 9},
     {"{\"method\":\"m\",\"id\":1e2}", 9},
     {"{\"id\":100000000000000000000,\"method\":\"m\"}", 9},
+    {"{\"method\":\"m\",\"params\":1e400}", 9},
     {"{\"id\":7,\"error\":{\"code\":1.5}}", 4},
     {"{\"id\":7,\"error\":{\"code\":2147483648}}", 4},
     // Members of two kinds: the first decides and the other is refused.
