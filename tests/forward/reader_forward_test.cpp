@@ -242,7 +242,7 @@ TEST(Reader_Forwarding, ARequesterThatIsGoneCostsOneLineAndNothingIsWritten)
   Forward_Setup f;
   f.expect(5, 9);
   f.requester_object = JSON_RPC_Channel_Strong_Ptr(); // the only owner lets go
-  ASSERT_TRUE(f.read("{\"jsonrpc\":\"2.0\",\"id\":5,\"result\":{\"a\":[1,2]},\"more\":[3]}"));
+  ASSERT_TRUE(f.read("{\"jsonrpc\":\"2.0\",\"id\":5,\"result\":{\"a\":[1,null,true,\"s\",{}]},\"more\":[3]}"));
   EXPECT_EQ(nullptr, f.reader.object().get());
   EXPECT_EQ(JSON_RPC_Reader::STATE_FORWARDING, f.reader.state());
   ASSERT_EQ(1u, log.lines().size()) << log.text();

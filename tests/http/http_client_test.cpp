@@ -1,7 +1,5 @@
 #include "http_test_util.h"
 #include "log_capture.h"
-#include "peers.h"
-#include "scripted_server.h"
 
 #include "json_spirit/json_spirit_reader.h"
 #include "tessel/http_uri_map.h"

@@ -120,19 +120,6 @@ TEST_F(Dispatch, UnknownMethodIsAnsweredWithMethodNotFound)
   EXPECT_TRUE(log.contains("JSON-RPC requester is gone.\n"));
 }
 
-TEST_F(Dispatch, UnhandledNotificationIsPublishedAndGivesMinusOne)
-{
-  JSON_RPC_Channel_Strong_Ptr sub = make_channel(), star = make_channel(), global = make_channel();
-  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(sub), {"event"});
-  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(star), {"*"});
-  Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr(global));
-  EXPECT_EQ(-1, dispatch(request("event", true)));
-  EXPECT_EQ(1u, fake(sub).count());
-  EXPECT_EQ(1u, fake(star).count());
-  EXPECT_EQ(1u, fake(global).count());
-  EXPECT_EQ(0u, fake(channel_).count());
-}
-
 TEST_F(Dispatch, BadObjectsAndStrayResponsesGiveMinusOneQuietly)
 {
   Log_Capture log;
@@ -191,22 +178,6 @@ namespace
   };
 }
 
-TEST_F(Session, EachCallGoesOutUnderAFreshIdAndLeavesNoEntry)
-{
-  answer_with(fake(channel_), [](const JSON_RPC_Object&) { return result_of(json_spirit::Value("pong")); });
-  JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel_)};
-  JSON_RPC_Object_Ptr req = JSON_RPC_Session::make_rpc_request("ping", json_spirit::Value());
-  JSON_RPC_Object_Ptr response;
-  ASSERT_TRUE(session.request(req, response, 5));
-  json_spirit::Value first_id = req->id;
-  ASSERT_TRUE(session.request(req, response, 5));
-  EXPECT_NE(first_id, req->id);
-  EXPECT_EQ(json_spirit::str_type, req->id.type());
-  EXPECT_EQ(req->id, response->id);
-  EXPECT_EQ("pong", static_cast<JSON_RPC_Response&>(*response).result.get_str());
-  EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
-}
-
 TEST_F(Session, AnswersFromAnotherThreadWakeTheirOwnCallerEarlyOrLate)
 {
   // Each request is answered by a thread of its own, some at once (while the
@@ -252,19 +223,6 @@ TEST_F(Session, AnswersFromAnotherThreadWakeTheirOwnCallerEarlyOrLate)
     t.join();
   EXPECT_EQ(24, answered.load());
   EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
-}
-
-TEST_F(Session, AnErrorResponseIsAnAnsweredCall)
-{
-  answer_with(fake(channel_), [](const JSON_RPC_Object&) {
-    auto* e = new JSON_RPC_Response_Error;
-    e->code = -32000;
-    return e;
-  });
-  JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel_)};
-  JSON_RPC_Object_Ptr response;
-  ASSERT_TRUE(session.request(JSON_RPC_Session::make_rpc_request("x", json_spirit::Value()), response, 5));
-  EXPECT_EQ(JSON_RPC_Object::TYPE_RESPONSE_ERROR, response->type);
 }
 
 TEST_F(Session, FailuresLogTheirLineAndLeaveNoEntry)

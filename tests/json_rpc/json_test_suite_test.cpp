@@ -99,7 +99,9 @@ TEST(JSONTestSuite, EveryInvalidDocumentIsRefusedByBoth)
     Outcome o = run(content(name));
     EXPECT_FALSE(o.json) << name;
     EXPECT_FALSE(o.rpc) << name;
-    EXPECT_FALSE(cap.empty()) << name;
+    // One line for each refusal: the document once, the message whole and byte by byte.
+    EXPECT_EQ(1u, cap.count("Failed to parse JSON: ")) << name << "\n" << cap.text().substr(0, 1000);
+    EXPECT_EQ(2u, cap.count("Failed to parse JSON-RPC: ")) << name << "\n" << cap.text().substr(0, 1000);
   }
 }
 

@@ -61,6 +61,7 @@ TEST(JSON_RPC_Reader, RefusesWhatMakesNoSenseForTheMember)
     {"{\"id\":1.5,\"method\":\"m\"}", 9},
     {"{\"method\":\"m\",\"id\":1e2}", 9},
     {"{\"id\":100000000000000000000,\"method\":\"m\"}", 9},
+    {"{\"method\":\"m\",\"params\":1e400}", 9},
     {"{\"id\":7,\"error\":{\"code\":1.5}}", 4},
     {"{\"id\":7,\"error\":{\"code\":2147483648}}", 4},
     // Members of two kinds: the first decides and the other is refused.
@@ -124,30 +125,70 @@ TEST(JSON_RPC_Reader, OpenKeepsTheModeAndStartsReading)
   EXPECT_FALSE(reader.is_open());
 }
 
-TEST(JSON_RPC_Reader, RefusesBadTextWithALogLine)
+TEST(Message_Limits, AMillionLevelsOfParamsAreRefusedWithALogLine)
 {
-  const char* bad[] = {
-    "{\"method\":\"m\",\"params\":[\"\xc3\x28\"]}", // invalid UTF-8
-    "{\"method\":\"\xff\"}",
-    "{\"m\xe2\x82\":1}",
-    "{\"method\":\"m\",\"params\":[1,2",              // truncated
-    "{\"method\":\"m\"",
-    "{\"method\":\"m\"}{\"method\":\"n\"}",           // two documents
-    "{\"method\":\"m\"} x",
-    "{\"method\":\"m\",}",
-    "{\"method\":\"m\",\"params\":[1e400]}",
-    "{\"method\":\"m\"}\f",
-    "{\"method\":\"m\",\"params\":\"\v\"}",
-    "",
+  Log_Capture cap;
+  JSON_RPC_Reader reader;
+  const std::string text = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + std::string(1000000, '[') +
+                           std::string(1000000, ']') + "}";
+  Read_Outcome r = read_message(reader, text, 65536);
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(1u, cap.count("Failed to parse JSON-RPC: ")) << cap.text().substr(0, 2000);
+  EXPECT_EQ(1u, cap.count("JSON-RPC message nested deeper than 127 levels refused.\n")) << cap.text().substr(0, 2000);
+
+  // The reader is fine for the next message.
+  Read_Outcome next = read_message(reader, "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":[1]}");
+  EXPECT_TRUE(next.ok);
+  EXPECT_EQ("type=2 version=2.0 id=1 method=m params=[1]", describe(next.object));
+}
+
+namespace
+{
+  const char* const corpus[] = {
+    "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"sum\",\"params\":[1,2,3]}",
+    "{\"jsonrpc\":\"2.0\",\"method\":\"notify\",\"params\":{\"level\":\"info\",\"n\":-0.5}}",
+    "{\"method\":\"bare\"}",
+    " { \"id\" : \"0b7c\" , \"method\" : \"x.y\" , \"params\" : null , \"jsonrpc\" : \"2.0\" } ",
+    "{\"params\":{\"deep\":[[[[{\"a\":[[]]}]]]],\"e\":{}},\"method\":\"nested\",\"id\":null}",
+    "{\"jsonrpc\":\"2.0\",\"id\":\"r\",\"result\":{\"list\":[true,false,null],\"s\":\"\\u00e9\\u4e2d\\ud83d\\ude00\"}}",
+    "{\"jsonrpc\":\"2.0\",\"id\":9223372036854775807,\"result\":[18446744073709551615,-9223372036854775808,"
+    "100000000000000000000,1e-7,6.02214076e23,-0.0]}",
+    "{\"jsonrpc\":\"2.0\",\"id\":18446744073709551615,\"result\":\"\"}",
+    "{\"id\":-1,\"result\":null}",
+    "{\"jsonrpc\":\"2.0\",\"id\":3,\"error\":{\"code\":-32601,\"message\":\"Method not found\"}}",
+    "{\"error\":{\"data\":{\"trace\":[\"a\",\"b\"],\"n\":1.25},\"message\":\"m\\n\\t\\\"q\\\"\",\"code\":42},\"id\":\"e\"}",
+    "{\"jsonrpc\":\"2.0\",\"method\":\"esc\",\"params\":[\"\\\\\\/\\b\\f\\n\\r\\t\\u0000\\u001f\\u007f\"]}",
+    "{\"jsonrpc\":\"2.0\",\"method\":\"keys\",\"params\":{\"\":1,\"\\u00fc\":2,\"a b\":{\"\":[]}}}",
+    "{\"id\":0,\"method\":\"m\",\"params\":12345678901234567890}",
+    "{\"method\":\"m\",\"id\":null,\"params\":\"late null id\"}",
+    "{\"id\":7,\"error\":{\"message\":\"default code\"}}",
   };
-  for (const char* text : bad)
+
+  void expect_same(const std::string& text, const Read_Outcome& whole, const Read_Outcome& other, const char* how)
   {
-    for (size_t piece : {size_t(0), size_t(1)})
+    ASSERT_TRUE(other.ok) << how << ": " << text;
+    EXPECT_EQ(describe(whole.object), describe(other.object)) << how << ": " << text;
+    EXPECT_EQ(write_object(*whole.object), write_object(*other.object)) << how << ": " << text;
+  }
+}
+
+TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
+{
+  JSON_RPC_Reader reader;
+  for (const std::string text : corpus)
+  {
+    Read_Outcome whole = read_message(reader, text);
+    ASSERT_TRUE(whole.ok) << text;
+    ASSERT_FALSE(whole.object.null()) << text;
+    // Keep the first object: the reader is used again below.
+    for (size_t cut = 1; cut < text.size(); ++cut)
     {
-      Log_Capture cap;
-      Read_Outcome r = read_message(text, piece);
-      EXPECT_FALSE(r.ok) << text;
-      EXPECT_EQ(1u, cap.count("Failed to parse JSON-RPC: ")) << text << "\n" << cap.text();
+      Read_Outcome r{reader.open(), JSON_RPC_Object_Ptr(), 0};
+      r.ok = r.ok && reader.read(text.data(), cut) && reader.read(text.data() + cut, text.size() - cut) &&
+             reader.read(nullptr, 0);
+      r.object = reader.object();
+      expect_same(text, whole, r, ("cut at " + std::to_string(cut)).c_str());
     }
+    expect_same(text, whole, read_message(reader, text, 1), "byte by byte");
   }
 }

@@ -44,38 +44,6 @@ TEST_F(Registers, ChannelMapFindsByTypeAndIdAndPrefersTheLowestType)
   EXPECT_TRUE(JSON_RPC_Channel_Strong_Ptr(map->find("nobody")).null());
 }
 
-TEST_F(Registers, RegistrationAndRemovalAreAnnouncedWithTheirParams)
-{
-  auto watcher = make_channel(5, "watcher");
-  JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(watcher),
-                                                 {"channel.registered", "channel.unregistered"});
-  auto peer = make_channel(7, "agent-1", 4242);
-  Log_Capture log;
-  ASSERT_EQ(0, JSON_RPC_Channel_Map::instance()->insert(peer));
-  EXPECT_TRUE(log.contains("Channel(type: 7) agent-1(127.0.0.1:4242) is registered.\n"));
-  // The base get_original_addr fails: a warning, and the notice still goes out.
-  EXPECT_TRUE(log.contains("Failed to get address of peer.\n"));
-  ASSERT_EQ(1u, fake(watcher).count());
-  const JSON_RPC_Request& reg = as_request(fake(watcher).sent()[0]);
-  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, reg.type);
-  EXPECT_EQ("channel.registered", reg.method);
-  const json_spirit::Object& p = reg.params.get_obj();
-  EXPECT_EQ("agent-1", p.at("channel_id").get_str());
-  EXPECT_EQ(7, p.at("channel_type").get_int());
-  EXPECT_EQ(json_spirit::int_type, p.at("ts").type());
-  EXPECT_GT(p.at("ts").get_int64(), 1600000000LL);
-  EXPECT_EQ(json_spirit::str_type, p.at("channel_address").type());
-  EXPECT_EQ(4u, p.size());
-
-  ASSERT_EQ(0, JSON_RPC_Channel_Map::instance()->remove(peer));
-  EXPECT_TRUE(log.contains("Channel(type: 7) agent-1 is unregistered.\n"));
-  ASSERT_EQ(2u, fake(watcher).count());
-  const JSON_RPC_Request& unreg = as_request(fake(watcher).sent()[1]);
-  EXPECT_EQ("channel.unregistered", unreg.method);
-  EXPECT_EQ(0u, unreg.params.get_obj().count("channel_address"));
-  EXPECT_EQ(3u, unreg.params.get_obj().size());
-}
-
 TEST_F(Registers, ANewerChannelUnderTheSameKeySurvivesTheRemovalOfTheOld)
 {
   auto watcher = make_channel(5, "watcher");
@@ -227,17 +195,6 @@ TEST_F(Registers, PoolAddsOnceSweepsTheDeadAndPicksStablyWithinASecond)
   // Seeded by the second: a change of second between the calls may give two.
   EXPECT_LE(picked.size(), 2u);
   EXPECT_EQ(0u, picked.count(nullptr));
-}
-
-TEST_F(Registers, GlobalChannelIsNullUnsetAndAfterDeath)
-{
-  EXPECT_TRUE(Global_JSON_RPC_Channel::instance().null());
-  {
-    auto g = make_channel();
-    Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr(g));
-    EXPECT_EQ(g.get(), Global_JSON_RPC_Channel::instance().get());
-  }
-  EXPECT_TRUE(Global_JSON_RPC_Channel::instance().null());
 }
 
 TEST(Forward_Map, CountsOnHandsEachEntryOutOnceAndAnswersOnClear)

@@ -63,52 +63,31 @@ TEST(Value, IntegersBeyondThirtyTwoBitsAreReadAsInt64)
   EXPECT_EQ(Value(static_cast<unsigned long long>(LLONG_MAX)), Value(LLONG_MAX));
 }
 
-TEST(Value, CopiesAreDeepAndMovesEmptyTheSource)
+TEST(Value, CopiesAreDeepMovesEmptyTheSourceAndAChildCanReplaceItsParent)
 {
   Value original = sample();
   Value copy(original);
-  EXPECT_EQ(original, copy);
   copy.get_obj()["list"].get_array()[2].get_array().push_back(Value(4));
   EXPECT_NE(original, copy);
   EXPECT_EQ(1u, original.get_obj()["list"].get_array()[2].get_array().size());
 
-  Value assigned;
-  assigned = original;
-  EXPECT_EQ(original, assigned);
-
   Value moved(std::move(copy));
   EXPECT_TRUE(copy.is_null());
   EXPECT_EQ(4, moved.get_obj()["list"].get_array()[2].get_array()[1].get_int());
-  assigned = std::move(moved);
-  EXPECT_TRUE(moved.is_null());
-  EXPECT_EQ(2u, assigned.get_obj().size());
-
   Value s("text");
-  s.swap(assigned);
-  EXPECT_EQ("text", assigned.get_str());
+  s.swap(moved);
+  EXPECT_EQ("text", moved.get_str());
   EXPECT_EQ(json_spirit::obj_type, s.type());
-}
 
-TEST(Value, SelfAssignmentKeepsTheValue)
-{
-  Value v = sample();
-  const Value expected = sample();
-  Value& alias = v;
-  v = alias;
-  EXPECT_EQ(expected, v);
-  v = std::move(alias);
-  EXPECT_EQ(expected, v);
-}
-
-TEST(Value, TakesAChildIntoItsParent)
-{
-  Value v = sample();
-  v = v.get_obj()["list"];
-  EXPECT_EQ(Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})}), v);
-  v = std::move(v.get_array()[2]);
-  EXPECT_EQ(Value(Array{Value(3.5)}), v);
-  v = std::move(v.get_array()[0]);
-  EXPECT_EQ(Value(3.5), v);
+  Value& alias = original;
+  original = alias;
+  original = std::move(alias);
+  EXPECT_EQ(sample(), original);
+  original = original.get_obj()["list"];
+  EXPECT_EQ(Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})}), original);
+  original = std::move(original.get_array()[2]);
+  original = std::move(original.get_array()[0]);
+  EXPECT_EQ(Value(3.5), original);
 }
 
 TEST(value_lesser, IsAStrictWeakOrderThatKeepsEveryIdApart)
@@ -159,12 +138,11 @@ namespace
   };
 }
 
-TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBits)
+TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBitsAndTheRestAreReals)
 {
   const Number_Case cases[] = {
     {"0", Value(0)},
     {"-0", Value(0)},
-    {"42", Value(42)},
     {"-42", Value(-42)},
     {"2147483648", Value(2147483648LL)},
     {"9223372036854775807", Value(LLONG_MAX)},
@@ -174,21 +152,12 @@ TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBits)
     // Beyond 64 bits only a real can hold it.
     {"18446744073709551616", Value(18446744073709551616.0)},
     {"-9223372036854775809", Value(-9223372036854775809.0)},
-  };
-  for (const Number_Case& c : cases)
-  {
-    Value v;
-    EXPECT_TRUE(json_spirit::number_to_value(c.text, std::strlen(c.text), v)) << c.text;
-    EXPECT_EQ(c.expected, v) << c.text;
-  }
-}
-
-TEST(number_to_value, FractionsAndExponentsGiveReals)
-{
-  const Number_Case cases[] = {
-    {"1.5", Value(1.5)},       {"-0.25", Value(-0.25)},   {"1e2", Value(100.0)},
-    {"1E-2", Value(0.01)},     {"1.5e+3", Value(1500.0)}, {"0e1", Value(0.0)},
-    {"2.0", Value(2.0)},       {"4.9e-324", Value(4.9e-324)},
+    {"1.5", Value(1.5)},
+    {"1e2", Value(100.0)},
+    {"1E-2", Value(0.01)},
+    {"1.5e+3", Value(1500.0)},
+    {"2.0", Value(2.0)},
+    {"4.9e-324", Value(4.9e-324)},
     {"1.7976931348623157e308", Value(1.7976931348623157e308)},
     // Underflow settles to zero.
     {"1e-400", Value(0.0)},
@@ -198,6 +167,7 @@ TEST(number_to_value, FractionsAndExponentsGiveReals)
     Value v;
     EXPECT_TRUE(json_spirit::number_to_value(c.text, std::strlen(c.text), v)) << c.text;
     EXPECT_EQ(c.expected, v) << c.text;
+    EXPECT_EQ(c.expected.type(), v.type()) << c.text;
   }
   Value negative_zero;
   ASSERT_TRUE(json_spirit::number_to_value("-0.0", 4, negative_zero));

@@ -12,9 +12,6 @@
 #include "json_rpc/json_rpc_service.h"
 
 #include <ace/ARGV.h>
-#include <ace/Service_Config.h>
-
-#include <mutex>
 
 /// One record of a handler configuration file.
 inline std::string record(const std::string& key, const std::string& init, const std::string& params,
@@ -38,15 +35,5 @@ public:
   JSON_RPC_Service service;
   int result;
 };
-
-/// ACE's service configurator, opened once for the process, without the
-/// default svc.conf and static services.
-inline void open_configurator()
-{
-  static std::once_flag once;
-  std::call_once(once, [] {
-    ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
-  });
-}
 
 #endif

@@ -62,13 +62,6 @@ namespace tcp_test
     return answer(channel, request, request.params);
   }
 
-  /// A call through JSON_RPC_Session that is expected to be answered.
-  JSON_RPC_Object_Ptr call(JSON_RPC_Channel_Strong_Ptr channel, const char* method, json_spirit::Value params,
-                           long long timeout = 10);
-
-  /// The result of a response, or a failure.
-  const json_spirit::Value& result_of(const JSON_RPC_Object_Ptr& response);
-
   /// Closes the channel's connection.
   inline void close(const JSON_RPC_Channel_Strong_Ptr& channel) { TCP_Channel::cast(channel)->close(); }
   inline bool closed(const JSON_RPC_Channel_Strong_Ptr& channel) { return TCP_Channel::cast(channel)->closed(); }

@@ -1,6 +1,11 @@
 #ifndef TESTS_HTTP_TEST_UTIL_H
 #define TESTS_HTTP_TEST_UTIL_H
 
+// What the HTTP tests share: the real servers they start on loopback, a
+// scripted server for the faults real servers rarely show, sessions and
+// small helpers.
+
+#include "test_util.h"
 #include "json_spirit/json_spirit_reader.h"
 #include "json_spirit/json_spirit_writer.h"
 #include "tessel/http_client.h"
@@ -8,11 +13,16 @@
 
 #include <ace/SSL/SSL_Context.h>
 #include <sys/resource.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+#include <memory>
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
 
 inline json_spirit::Value parse_json(const std::string& text)
 {
@@ -96,5 +106,114 @@ inline long long peak_rss()
 #else
 #define HTTP_TEST_UNDER_ASAN 0
 #endif
+
+// The real servers of the HTTP tests, started on loopback for one test and
+// stopped when it ends.
+
+/// jayson (JSON-RPC) or json-server (REST) from tests/http/node. They end
+/// when their standard input closes, so they go even if the test dies.
+class Node_Peer
+{
+public:
+  /// script: "jayson_server.js" or "rest_server.js".
+  explicit Node_Peer(const char* script);
+  unsigned short port() const { return port_; }
+
+private:
+  Child process_;
+  unsigned short port_;
+};
+
+/// nginx in the foreground with a configuration of its own in a temp
+/// folder: TLS with a certificate for localhost and 127.0.0.1 made here,
+/// static files under www/, and a log of connection and request numbers.
+class Nginx_Peer
+{
+public:
+  /// proxy_port, if not 0, is where /rpc is passed on to.
+  explicit Nginx_Peer(unsigned short proxy_port = 0, int keepalive_timeout = 30);
+
+  unsigned short port() const { return port_; }
+  const Temp_Dir& dir() const { return dir_; }
+  std::string certificate() const { return dir_.file("cert.pem"); }
+  /// Writes a file to serve as /name.
+  void serve(const std::string& name, const std::string& content) const { dir_.write("www/" + name, content); }
+  /// Lines of the access log, "connection requests status method uri",
+  /// once there are at least `expected` of them (or after 5 s).
+  std::vector<std::string> access_log(size_t expected) const;
+
+private:
+  Temp_Dir dir_;
+  unsigned short port_;
+  std::unique_ptr<Child> process_;
+};
+
+/// GET path on 127.0.0.1:port with a plain socket; the body, empty on failure.
+std::string plain_get(unsigned short port, const std::string& path);
+
+// A server on a loopback port that answers each request with bytes from a
+// script, for the faults that real servers rarely show. Requests are read
+// whole (Boost.Beast's request parser, chunked bodies included) and kept.
+
+struct Scripted_Request
+{
+  std::string method;
+  std::string target;
+  std::map<std::string, std::string> headers;  // names in lower case
+  std::string body;
+  int connection;  // which accepted connection, from 1
+};
+
+struct Reply
+{
+  std::string bytes;        // sent as they are
+  bool close = false;       // close the connection after them
+  int delay_ms = 0;         // wait before sending
+  bool read_body = true;    // false: answer after the head only, then close
+  long drop_after = -1;     // at this many body bytes: close at once, no answer
+
+  /// A whole response with a body of the given type.
+  static Reply json(int status, const std::string& body, const char* type = "application/json");
+  /// The same body in chunks of the given size.
+  static Reply chunked(int status, const std::string& body, size_t chunk);
+  /// The body ends when the connection closes.
+  static Reply close_delimited(int status, const std::string& body);
+  /// The first n bytes of a reply, then the connection closes.
+  static Reply cut(const Reply& whole, size_t n);
+};
+
+class Scripted_Server
+{
+public:
+  /// Request k (from 0) gets replies[k]; later ones get the last reply.
+  explicit Scripted_Server(std::vector<Reply> replies);
+  ~Scripted_Server();
+
+  unsigned short port() const { return port_; }
+  /// Request heads that came in, whole requests, and connections accepted.
+  int heads() const { return heads_.load(); }
+  int requests() const { return static_cast<int>(requests_copy().size()); }
+  int connections() const { return connections_.load(); }
+  std::vector<Scripted_Request> requests_copy() const;
+  /// Bytes of request bodies seen, also of requests that never ended.
+  unsigned long long body_bytes() const { return body_bytes_.load(); }
+
+private:
+  void accept_loop();
+  void serve(int fd, int number);
+
+  int listener_;
+  unsigned short port_;
+  std::vector<Reply> replies_;
+  std::atomic<bool> stopping_{false};
+  std::atomic<int> heads_{0};
+  std::atomic<int> connections_{0};
+  std::atomic<unsigned long long> body_bytes_{0};
+  mutable std::mutex mutex_;
+  std::vector<Scripted_Request> requests_;
+  std::vector<int> open_;
+  std::vector<std::thread> threads_;
+  std::thread acceptor_;
+};
 
 #endif

@@ -1,4 +1,4 @@
-#include "peers.h"
+#include "http_test_util.h"
 
 #include <stdexcept>
 

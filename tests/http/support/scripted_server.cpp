@@ -1,4 +1,4 @@
-#include "scripted_server.h"
+#include "http_test_util.h"
 
 // Under the sanitizers GCC takes a Boost.Optional inside Beast's parser for
 // maybe uninitialized; the warning is about Boost's code, not ours.
