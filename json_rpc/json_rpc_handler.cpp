@@ -27,8 +27,16 @@ JSON_RPC_Handler_Ptr JSON_RPC_Response_Map::find(const json_spirit::Value& id) c
 
 int JSON_RPC_Response_Map::insert(const json_spirit::Value& id, JSON_RPC_Handler_Ptr handler)
 {
-  ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
-  return map_.emplace(id, handler).second ? 0 : -1;
+  // The entry is made, and a refused one dropped, outside the lock: callers
+  // on many threads enter and leave here on every call.
+  decltype(map_) made;
+  made.emplace(id, std::move(handler));
+  decltype(map_)::insert_return_type result;
+  {
+    ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, lock_, -1);
+    result = map_.insert(made.extract(made.begin()));
+  }
+  return result.inserted ? 0 : -1;
 }
 
 int JSON_RPC_Response_Map::remove(const json_spirit::Value& id)
