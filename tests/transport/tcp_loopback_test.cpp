@@ -211,6 +211,10 @@ namespace
     // read thread or a caller waiting for its answer, the notice is handled
     // on the read thread, and before the call returns: by one caller, then
     // by three at once.
+    {
+      std::lock_guard<std::mutex> guard(seen_mutex);
+      seen.clear();
+    }
     start();
     JSON_RPC_Channel_Strong_Ptr client = connect();
     std::atomic<int> faults{0};
