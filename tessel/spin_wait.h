@@ -19,19 +19,17 @@
 /// any thread that wants it for the rest of that thread's time slice,
 /// milliseconds that the waiter would lose while its answer is there.
 ///
-/// Only a thread that waits alone spins: waiters counts the threads that
-/// wait for an answer, and with others waiting too the cores have other
-/// work to do.
+/// Only a thread that waits alone spins: with others waiting too the cores
+/// have other work to do.
 class TESSEL_EXPORT Spin_Wait
 {
 public:
   static constexpr std::chrono::microseconds spin_time{50};
 
-  /// Counts the calling thread among waiters until destroyed.
-  explicit Spin_Wait(std::atomic<int>& waiters) : waiters_(waiters), alone_(waiters.fetch_add(1) == 0) {}
-  /// Counts it among all the threads of the process that wait for an answer
-  /// from a peer, however they wait: calls over channels and HTTP alike.
-  Spin_Wait() : Spin_Wait(callers()) {}
+  /// Counts the calling thread, until destroyed, among all the threads of
+  /// the process that wait for an answer from a peer, however they wait:
+  /// calls over channels and HTTP alike.
+  Spin_Wait() : waiters_(callers()), alone_(waiters_.fetch_add(1) == 0) {}
   ~Spin_Wait() { waiters_.fetch_sub(1); }
   Spin_Wait(const Spin_Wait&) = delete;
   Spin_Wait& operator=(const Spin_Wait&) = delete;
