@@ -166,21 +166,16 @@ namespace
   TEST_F(Wire, PeerThatStopsReadingLosesTheConnectionAfterTheSendLimit)
   {
     // A listener that accepts nothing and reads nothing.
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof sa;
-    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
-    ASSERT_EQ(0, ::listen(listener, 1));
-    ASSERT_EQ(0, ::getsockname(listener, reinterpret_cast<sockaddr*>(&sa), &length));
+    unsigned short port = 0;
+    int listener = loopback_listener(port, 1);
+    ASSERT_NE(-1, listener);
     for (TCP_Options::Framing framing : {TCP_Options::FRAMING_NDJSON, TCP_Options::FRAMING_CONTENT_LENGTH})
     {
       TCP_Options client;
       client.framing = framing;
       client.send_limit = ACE_Time_Value(0, 200 * 1000);
       JSON_RPC_Channel_Strong_Ptr stuck;
-      ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(ntohs(sa.sin_port)), client));
+      ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(port), client));
       // Far more than the socket buffers on both sides hold.
       JSON_RPC_Object_Ptr note = make_message("flood", json_spirit::Array{std::string(64 * 1024 * 1024, 'f')});
       errno = 0;

@@ -2,8 +2,6 @@
 // real connection shows, its registration, refusal and ending.
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_channel_map.h"
-#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
 #include "tessel/retry.h"
 #include "tessel/utils.h"
@@ -41,11 +39,7 @@ namespace
     {
       setenv("JSON_RPC_REQUEST_TIMEOUT", "1", 1);
       retry_sleeper([](unsigned int) {});
-      JSON_RPC_Dispatcher::instance();
-      JSON_RPC_Response_Map::instance();
-      JSON_RPC_Notify_Manager::instance();
-      JSON_RPC_Channel_Map::instance();
-      JSON_RPC_Channel_Pool::instance();
+      open_singletons();
       ASSERT_EQ(0, add_handler("echo", echo));
       // Slow, so that an answer overtaking it would show.
       add_handler("seen", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request& request) {
@@ -65,15 +59,7 @@ namespace
         return channel->send_object(make_message("seen", request.params));
       });
     }
-    void TearDown() override
-    {
-      JSON_RPC_Channel_Pool::close_instance();
-      JSON_RPC_Notify_Manager::close_instance();
-      JSON_RPC_Channel_Map::close_instance();
-      JSON_RPC_Response_Map::close_instance();
-      JSON_RPC_Request_Map::close_instance();
-      JSON_RPC_Dispatcher::close_instance();
-    }
+    void TearDown() override { close_singletons(); }
   };
   ::testing::Environment* const environment = ::testing::AddGlobalTestEnvironment(new Environment);
 

@@ -12,12 +12,7 @@
 //              sends "ping.result" {"ok": bool, "response": the answer}
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_channel_map.h"
-#include "json_rpc/json_rpc_dispatcher.h"
-#include "json_rpc/json_rpc_handler.h"
-#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
-#include "transport/tcp_acceptor.h"
 
 #include <ace/Log_Msg.h>
 
@@ -66,11 +61,7 @@ int main()
   int signals = signalfd(-1, &stop_signals, SFD_CLOEXEC);
 
   // Everything the transport threads use exists before they start.
-  JSON_RPC_Dispatcher::instance();
-  JSON_RPC_Response_Map::instance();
-  JSON_RPC_Notify_Manager::instance();
-  JSON_RPC_Channel_Map::instance();
-  JSON_RPC_Channel_Pool::instance();
+  open_singletons();
   add_handler("echo", echo);
   add_handler("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::vector<std::string> subjects;
@@ -109,11 +100,6 @@ int main()
     for (std::thread& caller : callers)
       caller.join();
   }
-  JSON_RPC_Notify_Manager::close_instance();
-  JSON_RPC_Channel_Pool::close_instance();
-  JSON_RPC_Channel_Map::close_instance();
-  JSON_RPC_Response_Map::close_instance();
-  JSON_RPC_Request_Map::close_instance();
-  JSON_RPC_Dispatcher::close_instance();
+  close_singletons();
   return 0;
 }

@@ -5,8 +5,10 @@
 #include "log_capture.h"
 #include "test_util.h"
 
+#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
 #include "transport/tcp_acceptor.h"
 #include "transport/tcp_channel.h"
 #include "transport/tcp_connector.h"
@@ -60,6 +62,26 @@ namespace tcp_test
   inline int echo(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request)
   {
     return answer(channel, request, request.params);
+  }
+
+  /// The singletons the transport threads use: made before any of them
+  /// starts, closed after they have all ended.
+  inline void open_singletons()
+  {
+    JSON_RPC_Dispatcher::instance();
+    JSON_RPC_Response_Map::instance();
+    JSON_RPC_Notify_Manager::instance();
+    JSON_RPC_Channel_Map::instance();
+    JSON_RPC_Channel_Pool::instance();
+  }
+  inline void close_singletons()
+  {
+    JSON_RPC_Channel_Pool::close_instance();
+    JSON_RPC_Notify_Manager::close_instance();
+    JSON_RPC_Channel_Map::close_instance();
+    JSON_RPC_Response_Map::close_instance();
+    JSON_RPC_Request_Map::close_instance();
+    JSON_RPC_Dispatcher::close_instance();
   }
 
   /// Closes the channel's connection.
