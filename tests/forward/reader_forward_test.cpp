@@ -463,25 +463,19 @@ TEST_F(Reader_Filter, ParamsAreAssembledWhenNoFilterCanBeFound)
 
 TEST_F(Reader_Filter, AScalarParamsGoesToTheFilterAloneAndTheRestOfTheMessageIsRead)
 {
-  const std::pair<const char*, const char*> cases[] = {
-    {"{\"method\":\"filtered\",\"params\":7,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "7 "},
-    {"{\"method\":\"filtered\",\"params\":\"s\",\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "\"s\" "},
-    {"{\"method\":\"filtered\",\"params\":null,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "null "},
-    {"{\"method\":\"filtered\",\"params\":false,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "false "},
-  };
-  for (const auto& c : cases)
+  for (const std::string params : {"7", "\"s\"", "null", "false"})
   {
     record.events.clear();
     ASSERT_TRUE(reader.open());
-    std::string text = c.first;
-    size_t end_of_params = text.find(",\"id\"");
-    ASSERT_TRUE(reader.read(text.data(), end_of_params + 1));
+    const std::string head = "{\"method\":\"filtered\",\"params\":" + params + ",";
+    ASSERT_TRUE(reader.read(head.data(), head.size()));
     // Gone at once: a scalar has no closing event to wait for.
-    EXPECT_EQ(record.created, record.destroyed) << c.first;
-    ASSERT_TRUE(reader.read(text.data() + end_of_params + 1, text.size() - end_of_params - 1));
+    EXPECT_EQ(record.created, record.destroyed) << params;
+    const std::string rest = "\"id\":\"x\",\"jsonrpc\":\"2.0\"}";
+    ASSERT_TRUE(reader.read(rest.data(), rest.size()));
     ASSERT_TRUE(reader.read(nullptr, 0));
-    EXPECT_EQ(c.second, record.events);
-    EXPECT_EQ("type=2 version=2.0 id=\"x\" method=filtered params=null", describe(reader.object())) << c.first;
+    EXPECT_EQ(params + " ", record.events);
+    EXPECT_EQ("type=2 version=2.0 id=\"x\" method=filtered params=null", describe(reader.object())) << params;
     EXPECT_TRUE(reader.handled_indirectly());
   }
   EXPECT_EQ(4, record.created);

@@ -93,13 +93,6 @@ namespace
     return name;
   }
 
-  void answer(JSON_RPC_Channel* channel, const JSON_RPC_Request& request)
-  {
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = request.params;
-    channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   // A pool method that notes each call, and holds it at a gate if it has one.
   class Probe_Pool : public JSON_RPC_Thread_Pool_Handler_Impl
   {
@@ -118,7 +111,7 @@ namespace
       if (on_release)
         on_release();
       if (channel)
-        answer(channel, request);
+        answer(channel, request, request.params);
       finished.add();
       return 0;
     }
@@ -444,7 +437,7 @@ namespace
       name = thread_name(); // read once `started` has counted it
       started.add();
       gate.wait_for(1);
-      answer(channel.get(), static_cast<JSON_RPC_Request&>(*object));
+      answer(channel.get(), as_request(object), as_request(object).params);
       finished.add();
       // Nothing looks at this.
       return -1;

@@ -68,7 +68,7 @@ int main()
     for (const json_spirit::Value& s : r.params.get_array())
       subjects.push_back(s.get_str());
     JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
-    return answer(c, r, true);
+    return answer(c.get(), r, true);
   });
   add_handler("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::lock_guard<std::mutex> guard(callers_mutex);

@@ -48,20 +48,10 @@ namespace tcp_test
     return JSON_RPC_Request_Map::instance()->insert(method, "", new Function_Handler(std::move(f)), nullptr);
   }
 
-  /// Answers a request with result; a notification gets nothing.
-  inline int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
-  {
-    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
-      return 0;
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = std::move(result);
-    return channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   /// Every test binary has "echo": it answers with the params.
   inline int echo(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request)
   {
-    return answer(channel, request, request.params);
+    return answer(channel.get(), request, request.params);
   }
 
   /// The singletons the transport threads use: made before any of them
