@@ -54,12 +54,6 @@ namespace
   class Forward_Channel : public JSON_RPC_Channel
   {
   public:
-    ~Forward_Channel() override
-    {
-      if (gen_)
-        yajl_gen_free(gen_);
-    }
-
     int send_object(JSON_RPC_Object_Ptr) override { return -1; }
     int send_generator(JSON_Generator&) override { return -1; }
     yajl_gen_t* send_begin() override
@@ -69,13 +63,11 @@ namespace
       lock_held_at_begin = !lock || lock->held();
       if (refuse_begin)
         return nullptr;
-      if (gen_)
-        yajl_gen_free(gen_);
-      gen_ = yajl_gen_alloc(nullptr);
-      yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer_);
+      gen_.reset(yajl_gen_alloc(nullptr));
+      yajl_gen_config(gen_.get(), yajl_gen_print_callback, &YAJL_Printer::print_s, &printer_);
       if (spoil_generator)
-        yajl_gen_null(gen_); // a finished document takes no further token
-      return gen_;
+        yajl_gen_null(gen_.get()); // a finished document takes no further token
+      return gen_.get();
     }
     int send_end() override
     {
@@ -107,7 +99,7 @@ namespace
 
   private:
     YAJL_String_Printer printer_{&text};
-    yajl_gen_t* gen_ = nullptr;
+    std::unique_ptr<yajl_gen_t, void (*)(yajl_gen_t*)> gen_{nullptr, yajl_gen_free};
   };
 
   // The reader's destructor, and a fresh reader in its place.

@@ -3,6 +3,7 @@
 // Under the sanitizers GCC takes a Boost.Optional inside Beast's parser for
 // maybe uninitialized; the warning is about Boost's code, not ours.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -169,9 +170,7 @@ void Scripted_Server::serve(int fd, int number)
       r.target = std::string(message.target());
       for (const auto& field : message)
       {
-        std::string name(field.name_string());
-        for (char& c : name)
-          c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::string name = boost::algorithm::to_lower_copy(std::string(field.name_string()));
         auto added = r.headers.emplace(name, std::string(field.value()));
         if (!added.second)
           added.first->second += ", " + std::string(field.value());
