@@ -1,13 +1,8 @@
 // What goes over the wire: both framings, fed in every cut, and bad input.
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_session.h"
-
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace tcp_test;
@@ -46,13 +41,7 @@ namespace
       return channel;
     }
 
-    bool bystander_answers()
-    {
-      JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
-      JSON_RPC_Object_Ptr reply;
-      return session.request(JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value(3)), reply, 10) &&
-             reply->type == JSON_RPC_Object::TYPE_RESPONSE;
-    }
+    bool bystander_answers() { return echo_over(channel, 3) == json_spirit::Value(3); }
 
     void TearDown() override
     {

@@ -2,7 +2,6 @@
 // real connection shows, its registration, refusal and ending.
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_session.h"
 #include "tessel/retry.h"
 #include "tessel/utils.h"
 
@@ -66,17 +65,6 @@ namespace
   bool is_registered(int type, const std::string& id)
   {
     return !JSON_RPC_Channel_Strong_Ptr(JSON_RPC_Channel_Map::instance()->find(type, id)).null();
-  }
-
-  // The echo of params over the channel, or "no answer".
-  Value echo_over(const JSON_RPC_Channel_Strong_Ptr& channel, Value params, const char* method = "echo")
-  {
-    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
-    JSON_RPC_Object_Ptr response;
-    if (!session.request(JSON_RPC_Session::make_rpc_request(method, std::move(params)), response, 10) ||
-        response->type != JSON_RPC_Object::TYPE_RESPONSE)
-      return Value("no answer");
-    return static_cast<const JSON_RPC_Response&>(*response).result;
   }
 
   class Loopback : public ::testing::Test

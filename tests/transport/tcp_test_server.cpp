@@ -12,8 +12,6 @@
 //              sends "ping.result" {"ok": bool, "response": the answer}
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_session.h"
-
 #include <ace/Log_Msg.h>
 
 #include <cstdio>

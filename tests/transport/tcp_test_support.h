@@ -9,6 +9,7 @@
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
 #include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_session.h"
 #include "transport/tcp_acceptor.h"
 #include "transport/tcp_channel.h"
 #include "transport/tcp_connector.h"
@@ -72,6 +73,18 @@ namespace tcp_test
     JSON_RPC_Response_Map::close_instance();
     JSON_RPC_Request_Map::close_instance();
     JSON_RPC_Dispatcher::close_instance();
+  }
+
+  /// The echo of params over the channel, or "no answer".
+  inline json_spirit::Value echo_over(const JSON_RPC_Channel_Strong_Ptr& channel, json_spirit::Value params,
+                                      const char* method = "echo")
+  {
+    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+    JSON_RPC_Object_Ptr response;
+    if (!session.request(JSON_RPC_Session::make_rpc_request(method, std::move(params)), response, 10) ||
+        response->type != JSON_RPC_Object::TYPE_RESPONSE)
+      return json_spirit::Value("no answer");
+    return static_cast<const JSON_RPC_Response&>(*response).result;
   }
 
   /// Closes the channel's connection.
