@@ -1,7 +1,6 @@
 #include "http_test_util.h"
 #include "log_capture.h"
 
-#include "json_spirit/json_spirit_reader.h"
 #include "tessel/http_uri_map.h"
 
 #include <gtest/gtest.h>
