@@ -129,10 +129,7 @@ namespace
     {
       EXPECT_TRUE(reader.open());
       reader.channel(JSON_RPC_Channel_Weak_Ptr(link));
-      for (size_t at = 0; at < text.size(); at += piece)
-        if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
-          return false;
-      return true;
+      return read_in_pieces(reader, text, piece, false);
     }
     bool read(const std::string& text, size_t piece = 1) { return feed(text, piece) && reader.read(nullptr, 0); }
 

@@ -51,6 +51,19 @@ inline std::string replace_all(std::string text, const std::string& from, const 
   return text;
 }
 
+/// Feeds text to a reader in pieces of `piece` bytes (0: whole) and, if
+/// `finish`, then the end; false at the first refusal.
+template <class Reader>
+bool read_in_pieces(Reader& reader, const std::string& text, size_t piece = 0, bool finish = true)
+{
+  if (piece == 0)
+    piece = std::max<size_t>(text.size(), 1);
+  for (size_t at = 0; at < text.size(); at += piece)
+    if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
+      return false;
+  return !finish || reader.read(nullptr, 0);
+}
+
 /// Polls until cond holds; false after the bound.
 inline bool eventually(const std::function<bool()>& cond, int seconds = 20)
 {
