@@ -194,8 +194,7 @@ TEST(Reader_Forwarding, ResponseStreamsToTheRequesterUnderItsOwnIdWhileItIsRead)
   EXPECT_TRUE(f.lock.held());
   EXPECT_EQ(0, f.requester->ended);
 
-  ASSERT_TRUE(f.reader.read("2]}}", 4));
-  ASSERT_TRUE(f.reader.read(nullptr, 0));
+  ASSERT_TRUE(read_in_pieces(f.reader, "2]}}"));
   EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":9,\"result\":{\"a\":[1,2]}}", f.requester->text);
   EXPECT_EQ(1, f.requester->ended);
   EXPECT_EQ(1, f.lock.acquired);
@@ -410,13 +409,11 @@ TEST_F(Reader_Filter, SeesEveryEventOfParamsAndIsDeletedBeforeTheMessageEnds)
   ASSERT_TRUE(reader.open());
   reader.request_channel(stream);
   const std::string head = "{\"jsonrpc\":\"2.0\",\"method\":\"filtered\",\"params\":{\"a\":[1,\"b\",null,true,{}]}";
-  for (char c : head)
-    ASSERT_TRUE(reader.read(&c, 1));
+  ASSERT_TRUE(read_in_pieces(reader, head, 1, false));
   EXPECT_EQ("{ a: [ 1 \"b\" null true { } ] } ", record.events);
   EXPECT_EQ(1, record.destroyed);
   EXPECT_EQ(stream.get(), record.channel);
-  ASSERT_TRUE(reader.read(",\"id\":3}", 8));
-  ASSERT_TRUE(reader.read(nullptr, 0));
+  ASSERT_TRUE(read_in_pieces(reader, ",\"id\":3}"));
   EXPECT_EQ("type=2 version=2.0 id=3 method=filtered params=null", describe(reader.object()));
   EXPECT_TRUE(reader.handled_indirectly());
   EXPECT_EQ(JSON_RPC_Reader::STATE_READING, reader.state());
@@ -456,13 +453,10 @@ TEST_F(Reader_Filter, AScalarParamsGoesToTheFilterAloneAndTheRestOfTheMessageIsR
   {
     record.events.clear();
     ASSERT_TRUE(reader.open());
-    const std::string head = "{\"method\":\"filtered\",\"params\":" + params + ",";
-    ASSERT_TRUE(reader.read(head.data(), head.size()));
+    ASSERT_TRUE(read_in_pieces(reader, "{\"method\":\"filtered\",\"params\":" + params + ",", 0, false));
     // Gone at once: a scalar has no closing event to wait for.
     EXPECT_EQ(record.created, record.destroyed) << params;
-    const std::string rest = "\"id\":\"x\",\"jsonrpc\":\"2.0\"}";
-    ASSERT_TRUE(reader.read(rest.data(), rest.size()));
-    ASSERT_TRUE(reader.read(nullptr, 0));
+    ASSERT_TRUE(read_in_pieces(reader, "\"id\":\"x\",\"jsonrpc\":\"2.0\"}"));
     EXPECT_EQ(params + " ", record.events);
     EXPECT_EQ("type=2 version=2.0 id=\"x\" method=filtered params=null", describe(reader.object())) << params;
     EXPECT_TRUE(reader.handled_indirectly());
@@ -475,8 +469,7 @@ TEST_F(Reader_Filter, AFilterLeftBehindByAMessageThatIsGivenUpIsReleased)
   // The filter refuses its third event: the parse fails with it still in
   // place, and the next open() deletes it.
   ASSERT_TRUE(reader.open());
-  const std::string refused = "{\"method\":\"refused.at.3\",\"params\":[1,2,3]}";
-  EXPECT_FALSE(reader.read(refused.data(), refused.size()));
+  EXPECT_FALSE(read_in_pieces(reader, "{\"method\":\"refused.at.3\",\"params\":[1,2,3]}", 0, false));
   EXPECT_EQ("[ 1 2 ", record.events);
   EXPECT_EQ(0, record.destroyed);
   EXPECT_TRUE(log.contains("Failed to parse JSON-RPC"));
