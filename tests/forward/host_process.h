@@ -8,7 +8,8 @@
 
 #include "tessel/yajl_handler.h"
 
-#include <cstring>
+#include <cstdlib>
+#include <string>
 
 namespace forward_test
 {
@@ -42,13 +43,9 @@ namespace forward_test
     {
       if (depth_ == 1 && key_ == "id")
         id.assign(text, length);
-      else if (depth_ == 2 && key_ == "result")
-      {
-        std::string digits(text, length);
-        if (std::strtoull(digits.c_str(), nullptr, 10) != elements % 1000000)
-          in_order = false;
-        ++elements;
-      }
+      else if (depth_ == 2 && key_ == "result" &&
+               std::strtoull(std::string(text, length).c_str(), nullptr, 10) != elements++ % 1000000)
+        in_order = false;
       return true;
     }
     bool handle_string_i(char const* text, unsigned long long length) override

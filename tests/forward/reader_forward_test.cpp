@@ -54,12 +54,6 @@ namespace
   class Forward_Channel : public JSON_RPC_Channel
   {
   public:
-    ~Forward_Channel() override
-    {
-      if (gen_)
-        yajl_gen_free(gen_);
-    }
-
     int send_object(JSON_RPC_Object_Ptr) override { return -1; }
     int send_generator(JSON_Generator&) override { return -1; }
     yajl_gen_t* send_begin() override
@@ -69,13 +63,11 @@ namespace
       lock_held_at_begin = !lock || lock->held();
       if (refuse_begin)
         return nullptr;
-      if (gen_)
-        yajl_gen_free(gen_);
-      gen_ = yajl_gen_alloc(nullptr);
-      yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Printer::print_s, &printer_);
+      gen_.reset(yajl_gen_alloc(nullptr));
+      yajl_gen_config(gen_.get(), yajl_gen_print_callback, &YAJL_Printer::print_s, &printer_);
       if (spoil_generator)
-        yajl_gen_null(gen_); // a finished document takes no further token
-      return gen_;
+        yajl_gen_null(gen_.get()); // a finished document takes no further token
+      return gen_.get();
     }
     int send_end() override
     {
@@ -107,7 +99,7 @@ namespace
 
   private:
     YAJL_String_Printer printer_{&text};
-    yajl_gen_t* gen_ = nullptr;
+    std::unique_ptr<yajl_gen_t, void (*)(yajl_gen_t*)> gen_{nullptr, yajl_gen_free};
   };
 
   // The reader's destructor, and a fresh reader in its place.
@@ -137,10 +129,7 @@ namespace
     {
       EXPECT_TRUE(reader.open());
       reader.channel(JSON_RPC_Channel_Weak_Ptr(link));
-      for (size_t at = 0; at < text.size(); at += piece)
-        if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
-          return false;
-      return true;
+      return read_in_pieces(reader, text, piece, false);
     }
     bool read(const std::string& text, size_t piece = 1) { return feed(text, piece) && reader.read(nullptr, 0); }
 
@@ -205,8 +194,7 @@ TEST(Reader_Forwarding, ResponseStreamsToTheRequesterUnderItsOwnIdWhileItIsRead)
   EXPECT_TRUE(f.lock.held());
   EXPECT_EQ(0, f.requester->ended);
 
-  ASSERT_TRUE(f.reader.read("2]}}", 4));
-  ASSERT_TRUE(f.reader.read(nullptr, 0));
+  ASSERT_TRUE(read_in_pieces(f.reader, "2]}}"));
   EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":9,\"result\":{\"a\":[1,2]}}", f.requester->text);
   EXPECT_EQ(1, f.requester->ended);
   EXPECT_EQ(1, f.lock.acquired);
@@ -421,13 +409,11 @@ TEST_F(Reader_Filter, SeesEveryEventOfParamsAndIsDeletedBeforeTheMessageEnds)
   ASSERT_TRUE(reader.open());
   reader.request_channel(stream);
   const std::string head = "{\"jsonrpc\":\"2.0\",\"method\":\"filtered\",\"params\":{\"a\":[1,\"b\",null,true,{}]}";
-  for (char c : head)
-    ASSERT_TRUE(reader.read(&c, 1));
+  ASSERT_TRUE(read_in_pieces(reader, head, 1, false));
   EXPECT_EQ("{ a: [ 1 \"b\" null true { } ] } ", record.events);
   EXPECT_EQ(1, record.destroyed);
   EXPECT_EQ(stream.get(), record.channel);
-  ASSERT_TRUE(reader.read(",\"id\":3}", 8));
-  ASSERT_TRUE(reader.read(nullptr, 0));
+  ASSERT_TRUE(read_in_pieces(reader, ",\"id\":3}"));
   EXPECT_EQ("type=2 version=2.0 id=3 method=filtered params=null", describe(reader.object()));
   EXPECT_TRUE(reader.handled_indirectly());
   EXPECT_EQ(JSON_RPC_Reader::STATE_READING, reader.state());
@@ -463,25 +449,16 @@ TEST_F(Reader_Filter, ParamsAreAssembledWhenNoFilterCanBeFound)
 
 TEST_F(Reader_Filter, AScalarParamsGoesToTheFilterAloneAndTheRestOfTheMessageIsRead)
 {
-  const std::pair<const char*, const char*> cases[] = {
-    {"{\"method\":\"filtered\",\"params\":7,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "7 "},
-    {"{\"method\":\"filtered\",\"params\":\"s\",\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "\"s\" "},
-    {"{\"method\":\"filtered\",\"params\":null,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "null "},
-    {"{\"method\":\"filtered\",\"params\":false,\"id\":\"x\",\"jsonrpc\":\"2.0\"}", "false "},
-  };
-  for (const auto& c : cases)
+  for (const std::string params : {"7", "\"s\"", "null", "false"})
   {
     record.events.clear();
     ASSERT_TRUE(reader.open());
-    std::string text = c.first;
-    size_t end_of_params = text.find(",\"id\"");
-    ASSERT_TRUE(reader.read(text.data(), end_of_params + 1));
+    ASSERT_TRUE(read_in_pieces(reader, "{\"method\":\"filtered\",\"params\":" + params + ",", 0, false));
     // Gone at once: a scalar has no closing event to wait for.
-    EXPECT_EQ(record.created, record.destroyed) << c.first;
-    ASSERT_TRUE(reader.read(text.data() + end_of_params + 1, text.size() - end_of_params - 1));
-    ASSERT_TRUE(reader.read(nullptr, 0));
-    EXPECT_EQ(c.second, record.events);
-    EXPECT_EQ("type=2 version=2.0 id=\"x\" method=filtered params=null", describe(reader.object())) << c.first;
+    EXPECT_EQ(record.created, record.destroyed) << params;
+    ASSERT_TRUE(read_in_pieces(reader, "\"id\":\"x\",\"jsonrpc\":\"2.0\"}"));
+    EXPECT_EQ(params + " ", record.events);
+    EXPECT_EQ("type=2 version=2.0 id=\"x\" method=filtered params=null", describe(reader.object())) << params;
     EXPECT_TRUE(reader.handled_indirectly());
   }
   EXPECT_EQ(4, record.created);
@@ -492,8 +469,7 @@ TEST_F(Reader_Filter, AFilterLeftBehindByAMessageThatIsGivenUpIsReleased)
   // The filter refuses its third event: the parse fails with it still in
   // place, and the next open() deletes it.
   ASSERT_TRUE(reader.open());
-  const std::string refused = "{\"method\":\"refused.at.3\",\"params\":[1,2,3]}";
-  EXPECT_FALSE(reader.read(refused.data(), refused.size()));
+  EXPECT_FALSE(read_in_pieces(reader, "{\"method\":\"refused.at.3\",\"params\":[1,2,3]}", 0, false));
   EXPECT_EQ("[ 1 2 ", record.events);
   EXPECT_EQ(0, record.destroyed);
   EXPECT_TRUE(log.contains("Failed to parse JSON-RPC"));

@@ -1,7 +1,6 @@
 #include "http_test_util.h"
 #include "log_capture.h"
 
-#include "json_spirit/json_spirit_reader.h"
 #include "tessel/http_uri_map.h"
 
 #include <gtest/gtest.h>
@@ -124,9 +123,7 @@ TEST(HTTP_Client, WritesChunksAsTheBodyComesAndChecksAFixedLength)
       ASSERT_EQ(static_cast<ssize_t>(n), c->write(body.data() + at, n));
     }
     // Whole chunks went out before the end of the body.
-    for (int i = 0; i < 500 && server.body_bytes() == 0; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_GT(server.body_bytes(), 0u);
+    EXPECT_TRUE(eventually([&] { return server.body_bytes() > 0; }, 5));
     HTTP_Response response;
     ASSERT_EQ(0, c->read_response(response));
     EXPECT_EQ(HTTP_Connection::STATE_RESPONSE, c->state());

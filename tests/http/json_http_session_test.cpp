@@ -3,8 +3,6 @@
 
 #include "json_rpc/json_form_post.h"
 #include "json_rpc/json_restful_client.h"
-#include "json_spirit/json_spirit_reader.h"
-#include "json_spirit/json_spirit_writer.h"
 
 #include <gtest/gtest.h>
 
@@ -20,8 +18,6 @@ namespace
     EXPECT_TRUE(client.get("/__requests", &log));
     return log;
   }
-
-  int server_requests(JSON_RESTful_Client& client) { return server_log(client).get_obj().at("requests").get_int(); }
 
   class Items : public JSON_Generator
   {
@@ -76,7 +72,7 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
                            id + "', status=404\n"));
 
   // One request each: nothing was repeated, the 404 neither.
-  EXPECT_EQ(6, server_requests(client));
+  EXPECT_EQ(6, server_log(client).get_obj().at("requests").get_int());
   client.logging_error(false);
   log.clear();
   EXPECT_FALSE(client.del(("/items/" + id).c_str()));

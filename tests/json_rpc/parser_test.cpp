@@ -1,6 +1,7 @@
 #include "json_rpc/json_rpc_parser.h"
 
 #include "log_capture.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -28,14 +29,7 @@ namespace
     {
       calls.clear();
       seen.clear();
-      if (!open())
-        return false;
-      if (piece == 0)
-        piece = text.size();
-      for (size_t at = 0; at < text.size(); at += piece)
-        if (!read(text.data() + at, std::min(piece, text.size() - at)))
-          return false;
-      return read(nullptr, 0);
+      return open() && read_in_pieces(*this, text, piece);
     }
   };
 

@@ -1,11 +1,12 @@
 #ifndef TESTS_JSON_RPC_RPC_TEST_UTIL_H
 #define TESTS_JSON_RPC_RPC_TEST_UTIL_H
 
+#include "test_util.h"
+
 #include "json_rpc/json_rpc_generator.h"
 #include "json_rpc/json_rpc_reader.h"
 #include "json_spirit/json_spirit_writer.h"
 
-#include <algorithm>
 #include <string>
 
 struct Read_Outcome
@@ -20,11 +21,7 @@ struct Read_Outcome
 inline Read_Outcome read_message(JSON_RPC_Reader& reader, const std::string& text, size_t piece = 0)
 {
   Read_Outcome out{reader.open(), JSON_RPC_Object_Ptr(), 0};
-  if (piece == 0)
-    piece = std::max<size_t>(text.size(), 1);
-  for (size_t at = 0; out.ok && at < text.size(); at += piece)
-    out.ok = reader.read(text.data() + at, std::min(piece, text.size() - at));
-  out.ok = out.ok && reader.read(nullptr, 0);
+  out.ok = out.ok && read_in_pieces(reader, text, piece);
   out.object = reader.object();
   out.err = reader.err;
   return out;

@@ -1,6 +1,7 @@
 #include "json_spirit/json_spirit.h"
 
 #include "log_capture.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -22,12 +23,7 @@ namespace
     if (!reader.open())
       return false;
     reader.result(&value);
-    if (piece == 0)
-      piece = text.size();
-    for (size_t at = 0; at < text.size(); at += piece)
-      if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
-        return false;
-    return reader.read(nullptr, 0);
+    return read_in_pieces(reader, text, piece);
   }
 }
 

@@ -26,28 +26,6 @@
 
 namespace
 {
-  /// Holds the threads that wait on it until it is opened.
-  class Gate
-  {
-  public:
-    void open()
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-      changed_.notify_all();
-    }
-    bool wait(int seconds = 20)
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      return changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return open_; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool open_ = false;
-  };
-
   /// Counts events; a waiter wakes when the count reaches its number.
   class Counter
   {
@@ -74,6 +52,9 @@ namespace
     mutable std::condition_variable changed_;
     int value_ = 0;
   };
+
+  /// Holds the threads that wait on it (wait_for(1)) until it is opened (add()).
+  using Gate = Counter;
 
   JSON_RPC_Object_Ptr request(int id) { return make_message("probe", id, id); }
 
@@ -112,13 +93,6 @@ namespace
     return name;
   }
 
-  void answer(JSON_RPC_Channel* channel, const JSON_RPC_Request& request)
-  {
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = request.params;
-    channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   // A pool method that notes each call, and holds it at a gate if it has one.
   class Probe_Pool : public JSON_RPC_Thread_Pool_Handler_Impl
   {
@@ -133,11 +107,11 @@ namespace
       }
       started.add();
       if (gate)
-        gate->wait();
+        gate->wait_for(1);
       if (on_release)
         on_release();
       if (channel)
-        answer(channel, request);
+        answer(channel, request, request.params);
       finished.add();
       return 0;
     }
@@ -229,7 +203,7 @@ TEST_F(Pool_Handler, FullQueueRefusesTheNextCallAtOnceAndRunsTheRest)
   EXPECT_EQ(std::vector<std::string>{"Failed to schedule task, errno=11, Resource temporarily unavailable\n"},
             log.lines());
 
-  gate.open();
+  gate.add();
   ASSERT_TRUE(handler.finished.wait_for(5));
   ASSERT_TRUE(fake(channel).wait_for(5));
   // Once there is room again, calls are taken.
@@ -252,7 +226,7 @@ TEST_F(Pool_Handler, DeactivateWaitsForRunningCallsAndDropsQueuedOnes)
   Thread_Pool_Helper* pool = JSON_RPC_Thread_Pool_Handler::thread_pool_.get();
   std::thread stopper([] { EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::deactivate()); });
   ASSERT_TRUE(wait_until_deactivated(pool));
-  gate.open();
+  gate.add();
   stopper.join();
 
   // The running call finished before deactivate returned; the queued ones
@@ -284,7 +258,7 @@ TEST_F(Pool_Handler, SecondActivateStopsTheOldWorkersBeforeTheNewOnesStart)
   Thread_Pool_Helper* old_pool = JSON_RPC_Thread_Pool_Handler::thread_pool_.get();
   std::thread replacer([] { EXPECT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 2, 8, 4)); });
   ASSERT_TRUE(wait_until_deactivated(old_pool));
-  gate.open();
+  gate.add();
   replacer.join();
 
   EXPECT_EQ(0u, new_workers_then) << "new workers ran beside the old ones";
@@ -414,7 +388,7 @@ TEST(Pool_Helper, StopRunsWhatIsQueuedInOrderOrDropsIt)
     ASSERT_GE(pool.schedule(
                 [&] {
                   started.add();
-                  gate.wait();
+                  gate.wait_for(1);
                 },
                 false),
               1);
@@ -429,7 +403,7 @@ TEST(Pool_Helper, StopRunsWhatIsQueuedInOrderOrDropsIt)
       for (int i = 0; i < 20000000 && pool.msg_queue()->message_count() > 1; ++i)
         std::this_thread::yield();
     }
-    gate.open();
+    gate.add();
     stopper.join();
     EXPECT_EQ(0u, pool.thr_count());
     EXPECT_TRUE(pool.msg_queue()->is_empty());
@@ -460,13 +434,10 @@ namespace
   public:
     int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        name = thread_name();
-      }
+      name = thread_name(); // read once `started` has counted it
       started.add();
-      gate.wait();
-      answer(channel.get(), static_cast<JSON_RPC_Request&>(*object));
+      gate.wait_for(1);
+      answer(channel.get(), as_request(object), as_request(object).params);
       finished.add();
       // Nothing looks at this.
       return -1;
@@ -474,7 +445,6 @@ namespace
 
     Gate gate;
     Counter started, finished;
-    std::mutex mutex;
     std::string name;
   };
 }
@@ -496,35 +466,23 @@ TEST(Thread_Handler, APeerThatIsGoneGetsNoThread)
 TEST(Thread_Handler, ReturnsAtOnceAndKeepsTheChannelForTheWholeCall)
 {
   Probe_Thread handler;
-  std::mutex mutex;
-  std::condition_variable gone;
-  bool destroyed = false;
+  Counter destroyed;
   size_t sent_before_death = 0;
   JSON_RPC_Channel_Strong_Ptr channel(new Watched_Channel([&](size_t sent) {
-    std::lock_guard<std::mutex> lock(mutex);
-    destroyed = true;
     sent_before_death = sent;
-    gone.notify_all();
+    destroyed.add();
   }));
 
   // The call is held at the gate, so 0 here means it did not wait for it.
   ASSERT_EQ(0, handler.handle_object(JSON_RPC_Channel_Weak_Ptr(channel), request(1)));
   ASSERT_TRUE(handler.started.wait_for(1));
   channel = JSON_RPC_Channel_Strong_Ptr();
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_FALSE(destroyed) << "the channel died under a running call";
-  }
-  handler.gate.open();
-  std::unique_lock<std::mutex> lock(mutex);
-  ASSERT_TRUE(gone.wait_for(lock, std::chrono::seconds(20), [&] { return destroyed; }));
+  EXPECT_EQ(0, destroyed.value()) << "the channel died under a running call";
+  handler.gate.add();
+  ASSERT_TRUE(destroyed.wait_for(1));
   EXPECT_EQ(1u, sent_before_death);
   EXPECT_EQ(1, handler.finished.value());
-  {
-    std::lock_guard<std::mutex> name_lock(handler.mutex);
-    EXPECT_EQ("JSONRPCSolo", handler.name);
-  }
-  lock.unlock();
+  EXPECT_EQ("JSONRPCSolo", handler.name);
   // Nobody joins the call's thread; ACE still knows it until it has ended,
   // and the process should not end under it.
   ACE_Thread_Manager::instance()->wait();

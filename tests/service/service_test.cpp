@@ -87,13 +87,13 @@ TEST_F(Service_Conf, EachBadRecordOrFileLeavesOneLineAndTheRestIsServed)
     EXPECT_EQ("error -32601", call("null.factory"));
 
     // The refused objects went at once, each by its destroy function.
-    EXPECT_EQ(2, test_state().destroyed());
-    EXPECT_EQ(2, test_state().deleted());
+    EXPECT_EQ(2, test_state().destroyed.load());
+    EXPECT_EQ(2, test_state().deleted.load());
     EXPECT_TRUE(library_loaded());
   }
   // Three entries of one library: it goes with the last of them.
-  EXPECT_EQ(5, test_state().destroyed());
-  EXPECT_EQ(5, test_state().deleted());
+  EXPECT_EQ(5, test_state().destroyed.load());
+  EXPECT_EQ(5, test_state().deleted.load());
   EXPECT_FALSE(library_loaded());
 }
 
@@ -123,11 +123,11 @@ TEST_F(Service_Conf, AnObjectWithoutDestroyFunctionIsDeletedThroughItsDestructor
     Service_Run run("-j " + file);
     EXPECT_EQ("\"kept\"", call("plain"));
     // The refused one is not left allocated.
-    EXPECT_EQ(1, test_state().deleted());
+    EXPECT_EQ(1, test_state().deleted.load());
     EXPECT_EQ(1u, log.count("Failed to init JSON-RPC handler for method 'plain.fails'"));
   }
-  EXPECT_EQ(2, test_state().deleted());
-  EXPECT_EQ(0, test_state().destroyed());
+  EXPECT_EQ(2, test_state().deleted.load());
+  EXPECT_EQ(0, test_state().destroyed.load());
   EXPECT_FALSE(library_loaded());
 }
 
@@ -160,7 +160,7 @@ TEST_F(Service_Conf, FiltersAndRestCreatorsLoadUnderTheirOwnKeysAndWords)
   EXPECT_TRUE(library_loaded());
   JSON_RESTful_Handler_Creator_Map::close_instance();
   EXPECT_FALSE(library_loaded());
-  EXPECT_EQ(test_state().deleted(), 4);
+  EXPECT_EQ(test_state().deleted.load(), 4);
 }
 
 

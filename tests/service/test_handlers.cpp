@@ -35,7 +35,7 @@ namespace
   class Tagged : public JSON_RPC_Handler
   {
   public:
-    ~Tagged() override { test_state().record_delete(); }
+    ~Tagged() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
@@ -54,7 +54,7 @@ namespace
   class Tagged_Creator : public JSON_RPC_Params_Handler_Creator
   {
   public:
-    ~Tagged_Creator() override { test_state().record_delete(); }
+    ~Tagged_Creator() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return nullptr; }
 
@@ -65,7 +65,7 @@ namespace
   class Rest_Creator : public Object_Creator_T<JSON_RESTful_Handler>
   {
   public:
-    ~Rest_Creator() override { test_state().record_delete(); }
+    ~Rest_Creator() override { ++test_state().deleted; }
     int init(int count, char** args) override
     {
       std::string tag;
@@ -82,7 +82,7 @@ namespace
   {
     if (destroy)
       *destroy = [](void* p) {
-        test_state().record_destroy();
+        ++test_state().destroyed;
         delete static_cast<B*>(p);
       };
     return new T;

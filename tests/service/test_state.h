@@ -5,6 +5,7 @@
 // library of its own that the tests link, so that it outlives the handler
 // library, which the service loads and unloads.
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,18 +21,15 @@ struct Test_State
   };
 
   std::vector<Init> inits() const;
-  int destroyed() const;
-  int deleted() const;
   void record_init(const std::string& tag, int argc, char** argv);
-  void record_destroy();
-  void record_delete();
   void reset();
+
+  /// Objects that went through their destroy function, and through delete.
+  std::atomic<int> destroyed{0}, deleted{0};
 
 private:
   mutable std::mutex mutex_;
   std::vector<Init> inits_;
-  int destroyed_ = 0;
-  int deleted_ = 0;
 };
 
 __attribute__((visibility("default"))) Test_State& test_state();

@@ -146,6 +146,16 @@ inline JSON_RPC_Object_Ptr make_message(const std::string& method, json_spirit::
   return JSON_RPC_Object_Ptr(r);
 }
 
+/// Answers a request with result; a notification gets nothing.
+inline int answer(JSON_RPC_Channel* channel, const JSON_RPC_Request& request, json_spirit::Value result)
+{
+  if (request.type != JSON_RPC_Object::TYPE_REQUEST)
+    return 0;
+  JSON_RPC_Response* response = new JSON_RPC_Response(&request);
+  response->result = std::move(result);
+  return channel->send_object(JSON_RPC_Object_Ptr(response));
+}
+
 /// The answer to a response or error object as text: the result, or
 /// "error CODE" and the data if there is any.
 inline std::string answer_text(const JSON_RPC_Object& answer)

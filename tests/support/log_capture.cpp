@@ -60,8 +60,6 @@ Log_Capture::Attach::~Attach()
 
 Log_Capture::Log_Capture() : own_thread_(new Attach(*this)) {}
 
-Log_Capture::~Log_Capture() { own_thread_.reset(); }
-
 void Log_Capture::log(ACE_Log_Record& record)
 {
   Entry entry{record.type(), record.msg_data() ? std::string(record.msg_data()) : std::string()};

@@ -28,7 +28,7 @@ class Log_Capture : public ACE_Log_Msg_Callback
 {
 public:
   Log_Capture();
-  ~Log_Capture() override;
+  ~Log_Capture() override = default;
   Log_Capture(const Log_Capture&) = delete;
   Log_Capture& operator=(const Log_Capture&) = delete;
 

@@ -51,6 +51,19 @@ inline std::string replace_all(std::string text, const std::string& from, const 
   return text;
 }
 
+/// Feeds text to a reader in pieces of `piece` bytes (0: whole) and, if
+/// `finish`, then the end; false at the first refusal.
+template <class Reader>
+bool read_in_pieces(Reader& reader, const std::string& text, size_t piece = 0, bool finish = true)
+{
+  if (piece == 0)
+    piece = std::max<size_t>(text.size(), 1);
+  for (size_t at = 0; at < text.size(); at += piece)
+    if (!reader.read(text.data() + at, std::min(piece, text.size() - at)))
+      return false;
+  return !finish || reader.read(nullptr, 0);
+}
+
 /// Polls until cond holds; false after the bound.
 inline bool eventually(const std::function<bool()>& cond, int seconds = 20)
 {
@@ -189,6 +202,21 @@ private:
   int in_ = -1, out_ = -1;
 };
 
+/// Sends all the bytes; false if the socket fails first.
+inline bool send_all(int fd, const std::string& bytes)
+{
+  for (size_t done = 0; done < bytes.size();)
+  {
+    ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
 /// A plain connection to 127.0.0.1:port. A read gives up after `limit_ms`
 /// without input.
 class Socket_Client
@@ -219,19 +247,7 @@ public:
     fd_ = -1;
   }
 
-  bool send(const std::string& bytes)
-  {
-    for (size_t done = 0; done < bytes.size();)
-    {
-      ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
-  }
+  bool send(const std::string& bytes) { return send_all(fd_, bytes); }
 
   /// Reads into `in` until it holds `part`; false at the end or the bound.
   bool read_until(const std::string& part)
@@ -321,18 +337,31 @@ private:
   int limit_ms_;
 };
 
-/// A port that was free a moment ago.
-inline unsigned short free_port()
+/// A socket listening on 127.0.0.1 at a port the kernel chose, which goes
+/// to `port`; -1 on failure.
+inline int loopback_listener(unsigned short& port, int backlog = 16)
 {
   int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in a = {};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t n = sizeof a;
-  ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &n);
-  ::close(s);
-  return ntohs(a.sin_port);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(s, backlog) != 0 ||
+      ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &n) != 0)
+  {
+    ::close(s);
+    return -1;
+  }
+  port = ntohs(a.sin_port);
+  return s;
+}
+
+/// A port that was free a moment ago.
+inline unsigned short free_port()
+{
+  unsigned short port = 0;
+  ::close(loopback_listener(port));
+  return port;
 }
 
 /// True once something accepts on 127.0.0.1:port, within the time given.

@@ -2,6 +2,7 @@
 #include "tessel/utils.h"
 
 #include "log_capture.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -9,9 +10,7 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <vector>
 
@@ -148,16 +147,13 @@ namespace
   class Config_File : public ::testing::Test
   {
   protected:
-    void TearDown() override { std::remove(path_.c_str()); }
-
     int load(const std::string& content)
     {
-      std::ofstream(path_, std::ios::binary) << content;
-      return load_json_config(path_.c_str(), Recording_Conf(&records_));
+      return load_json_config(dir_.write("conf.json", content).c_str(), Recording_Conf(&records_));
     }
 
-    std::string path_ = ::testing::TempDir() + "tessel_conf_" +
-                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".json";
+    Temp_Dir dir_;
+    std::string path_ = dir_.file("conf.json");
     std::vector<std::string> records_;
   };
 }
@@ -186,7 +182,7 @@ TEST_F(Config_File, SkipsRecordsWithoutKeyAndIgnoresMembersThatAreNoStrings)
 TEST_F(Config_File, AllowsCommentsAndGoesOnAfterARefusedRecord)
 {
   Recording_Conf conf(&records_);
-  std::ofstream(path_) << "// handlers\n[{\"name\":\"refused\"}, /* two */ {\"name\":\"h\"}]\n";
+  dir_.write("conf.json", "// handlers\n[{\"name\":\"refused\"}, /* two */ {\"name\":\"h\"}]\n");
   EXPECT_EQ(0, load_json_config(path_.c_str(), conf));
   EXPECT_EQ(2u, conf.records());
   EXPECT_EQ(1u, conf.loaded());

@@ -1,13 +1,8 @@
 // What goes over the wire: both framings, fed in every cut, and bad input.
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_session.h"
-
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace tcp_test;
@@ -46,13 +41,7 @@ namespace
       return channel;
     }
 
-    bool bystander_answers()
-    {
-      JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
-      JSON_RPC_Object_Ptr reply;
-      return session.request(JSON_RPC_Session::make_rpc_request("echo", json_spirit::Value(3)), reply, 10) &&
-             reply->type == JSON_RPC_Object::TYPE_RESPONSE;
-    }
+    bool bystander_answers() { return echo_over(channel, 3) == json_spirit::Value(3); }
 
     void TearDown() override
     {
@@ -166,21 +155,16 @@ namespace
   TEST_F(Wire, PeerThatStopsReadingLosesTheConnectionAfterTheSendLimit)
   {
     // A listener that accepts nothing and reads nothing.
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof sa;
-    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
-    ASSERT_EQ(0, ::listen(listener, 1));
-    ASSERT_EQ(0, ::getsockname(listener, reinterpret_cast<sockaddr*>(&sa), &length));
+    unsigned short port = 0;
+    int listener = loopback_listener(port, 1);
+    ASSERT_NE(-1, listener);
     for (TCP_Options::Framing framing : {TCP_Options::FRAMING_NDJSON, TCP_Options::FRAMING_CONTENT_LENGTH})
     {
       TCP_Options client;
       client.framing = framing;
       client.send_limit = ACE_Time_Value(0, 200 * 1000);
       JSON_RPC_Channel_Strong_Ptr stuck;
-      ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(ntohs(sa.sin_port)), client));
+      ASSERT_EQ(0, TCP_Connector::connect(stuck, loopback(port), client));
       // Far more than the socket buffers on both sides hold.
       JSON_RPC_Object_Ptr note = make_message("flood", json_spirit::Array{std::string(64 * 1024 * 1024, 'f')});
       errno = 0;

@@ -2,9 +2,6 @@
 // real connection shows, its registration, refusal and ending.
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_channel_map.h"
-#include "json_rpc/json_rpc_notify_manager.h"
-#include "json_rpc/json_rpc_session.h"
 #include "tessel/retry.h"
 #include "tessel/utils.h"
 
@@ -41,11 +38,7 @@ namespace
     {
       setenv("JSON_RPC_REQUEST_TIMEOUT", "1", 1);
       retry_sleeper([](unsigned int) {});
-      JSON_RPC_Dispatcher::instance();
-      JSON_RPC_Response_Map::instance();
-      JSON_RPC_Notify_Manager::instance();
-      JSON_RPC_Channel_Map::instance();
-      JSON_RPC_Channel_Pool::instance();
+      open_singletons();
       ASSERT_EQ(0, add_handler("echo", echo));
       // Slow, so that an answer overtaking it would show.
       add_handler("seen", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request& request) {
@@ -65,32 +58,13 @@ namespace
         return channel->send_object(make_message("seen", request.params));
       });
     }
-    void TearDown() override
-    {
-      JSON_RPC_Channel_Pool::close_instance();
-      JSON_RPC_Notify_Manager::close_instance();
-      JSON_RPC_Channel_Map::close_instance();
-      JSON_RPC_Response_Map::close_instance();
-      JSON_RPC_Request_Map::close_instance();
-      JSON_RPC_Dispatcher::close_instance();
-    }
+    void TearDown() override { close_singletons(); }
   };
   ::testing::Environment* const environment = ::testing::AddGlobalTestEnvironment(new Environment);
 
   bool is_registered(int type, const std::string& id)
   {
     return !JSON_RPC_Channel_Strong_Ptr(JSON_RPC_Channel_Map::instance()->find(type, id)).null();
-  }
-
-  // The echo of params over the channel, or "no answer".
-  Value echo_over(const JSON_RPC_Channel_Strong_Ptr& channel, Value params, const char* method = "echo")
-  {
-    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
-    JSON_RPC_Object_Ptr response;
-    if (!session.request(JSON_RPC_Session::make_rpc_request(method, std::move(params)), response, 10) ||
-        response->type != JSON_RPC_Object::TYPE_RESPONSE)
-      return Value("no answer");
-    return static_cast<const JSON_RPC_Response&>(*response).result;
   }
 
   class Loopback : public ::testing::Test

@@ -12,13 +12,6 @@
 //              sends "ping.result" {"ok": bool, "response": the answer}
 #include "tcp_test_support.h"
 
-#include "json_rpc/json_rpc_channel_map.h"
-#include "json_rpc/json_rpc_dispatcher.h"
-#include "json_rpc/json_rpc_handler.h"
-#include "json_rpc/json_rpc_notify_manager.h"
-#include "json_rpc/json_rpc_session.h"
-#include "transport/tcp_acceptor.h"
-
 #include <ace/Log_Msg.h>
 
 #include <cstdio>
@@ -66,18 +59,14 @@ int main()
   int signals = signalfd(-1, &stop_signals, SFD_CLOEXEC);
 
   // Everything the transport threads use exists before they start.
-  JSON_RPC_Dispatcher::instance();
-  JSON_RPC_Response_Map::instance();
-  JSON_RPC_Notify_Manager::instance();
-  JSON_RPC_Channel_Map::instance();
-  JSON_RPC_Channel_Pool::instance();
+  open_singletons();
   add_handler("echo", echo);
   add_handler("subscribe", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::vector<std::string> subjects;
     for (const json_spirit::Value& s : r.params.get_array())
       subjects.push_back(s.get_str());
     JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(c), subjects);
-    return answer(c, r, true);
+    return answer(c.get(), r, true);
   });
   add_handler("ping.me", [](JSON_RPC_Channel_Strong_Ptr c, const JSON_RPC_Request& r) {
     std::lock_guard<std::mutex> guard(callers_mutex);
@@ -109,11 +98,6 @@ int main()
     for (std::thread& caller : callers)
       caller.join();
   }
-  JSON_RPC_Notify_Manager::close_instance();
-  JSON_RPC_Channel_Pool::close_instance();
-  JSON_RPC_Channel_Map::close_instance();
-  JSON_RPC_Response_Map::close_instance();
-  JSON_RPC_Request_Map::close_instance();
-  JSON_RPC_Dispatcher::close_instance();
+  close_singletons();
   return 0;
 }

@@ -5,8 +5,11 @@
 #include "log_capture.h"
 #include "test_util.h"
 
+#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_session.h"
 #include "transport/tcp_acceptor.h"
 #include "transport/tcp_channel.h"
 #include "transport/tcp_connector.h"
@@ -46,20 +49,42 @@ namespace tcp_test
     return JSON_RPC_Request_Map::instance()->insert(method, "", new Function_Handler(std::move(f)), nullptr);
   }
 
-  /// Answers a request with result; a notification gets nothing.
-  inline int answer(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request, json_spirit::Value result)
-  {
-    if (request.type != JSON_RPC_Object::TYPE_REQUEST)
-      return 0;
-    JSON_RPC_Response* response = new JSON_RPC_Response(&request);
-    response->result = std::move(result);
-    return channel->send_object(JSON_RPC_Object_Ptr(response));
-  }
-
   /// Every test binary has "echo": it answers with the params.
   inline int echo(JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request)
   {
-    return answer(channel, request, request.params);
+    return answer(channel.get(), request, request.params);
+  }
+
+  /// The singletons the transport threads use: made before any of them
+  /// starts, closed after they have all ended.
+  inline void open_singletons()
+  {
+    JSON_RPC_Dispatcher::instance();
+    JSON_RPC_Response_Map::instance();
+    JSON_RPC_Notify_Manager::instance();
+    JSON_RPC_Channel_Map::instance();
+    JSON_RPC_Channel_Pool::instance();
+  }
+  inline void close_singletons()
+  {
+    JSON_RPC_Channel_Pool::close_instance();
+    JSON_RPC_Notify_Manager::close_instance();
+    JSON_RPC_Channel_Map::close_instance();
+    JSON_RPC_Response_Map::close_instance();
+    JSON_RPC_Request_Map::close_instance();
+    JSON_RPC_Dispatcher::close_instance();
+  }
+
+  /// The echo of params over the channel, or "no answer".
+  inline json_spirit::Value echo_over(const JSON_RPC_Channel_Strong_Ptr& channel, json_spirit::Value params,
+                                      const char* method = "echo")
+  {
+    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+    JSON_RPC_Object_Ptr response;
+    if (!session.request(JSON_RPC_Session::make_rpc_request(method, std::move(params)), response, 10) ||
+        response->type != JSON_RPC_Object::TYPE_RESPONSE)
+      return json_spirit::Value("no answer");
+    return static_cast<const JSON_RPC_Response&>(*response).result;
   }
 
   /// Closes the channel's connection.

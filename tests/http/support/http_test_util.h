@@ -19,7 +19,6 @@
 #include <vector>
 #include <memory>
 #include <atomic>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>

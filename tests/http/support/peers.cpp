@@ -44,13 +44,10 @@ Nginx_Peer::Nginx_Peer(unsigned short proxy_port, int keepalive_timeout) : port_
          << "events { worker_connections 64; }\n"
          << "http {\n"
          << "  log_format counted '$connection $connection_requests $status $request_method $request_uri';\n"
-         << "  access_log " << dir_.file("access.log") << " counted;\n"
-         << "  client_body_temp_path " << dir_.file("tmp/body") << ";\n"
-         << "  proxy_temp_path " << dir_.file("tmp/proxy") << ";\n"
-         << "  fastcgi_temp_path " << dir_.file("tmp/fastcgi") << ";\n"
-         << "  uwsgi_temp_path " << dir_.file("tmp/uwsgi") << ";\n"
-         << "  scgi_temp_path " << dir_.file("tmp/scgi") << ";\n"
-         << "  types { application/json json; text/plain txt; }\n"
+         << "  access_log " << dir_.file("access.log") << " counted;\n";
+    for (const std::string temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+      conf << "  " << temp << "_temp_path " << dir_.file("tmp/" + temp) << ";\n";
+    conf << "  types { application/json json; text/plain txt; }\n"
          << "  default_type application/octet-stream;\n"
          << "  keepalive_timeout " << keepalive_timeout << "s;\n"
          << "  server {\n"
@@ -82,16 +79,14 @@ std::vector<std::string> Nginx_Peer::access_log(size_t expected) const
 {
   // nginx writes the line after the response has gone out: give it a moment.
   std::vector<std::string> lines;
-  for (int tries = 0; tries < 500; ++tries)
-  {
-    lines.clear();
-    std::ifstream in(dir_.file("access.log"));
-    std::string line;
-    while (std::getline(in, line))
-      lines.push_back(line);
-    if (lines.size() >= expected)
-      break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  eventually(
+    [&] {
+      lines.clear();
+      std::ifstream in(dir_.file("access.log"));
+      for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+      return lines.size() >= expected;
+    },
+    5);
   return lines;
 }

@@ -3,17 +3,15 @@
 // Under the sanitizers GCC takes a Boost.Optional inside Beast's parser for
 // maybe uninitialized; the warning is about Boost's code, not ours.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <limits>
 #include <stdexcept>
 
@@ -26,18 +24,6 @@ namespace
     const char* reason = status == 200 ? "OK" : status == 201 ? "Created" : status == 204 ? "No Content"
                        : status == 404 ? "Not Found" : status == 500 ? "Internal Server Error" : "Status";
     return "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
-  }
-
-  void send_all(int fd, const std::string& bytes)
-  {
-    size_t at = 0;
-    while (at < bytes.size())
-    {
-      ssize_t n = send(fd, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-      if (n <= 0)
-        return;
-      at += static_cast<size_t>(n);
-    }
   }
 }
 
@@ -86,18 +72,9 @@ Scripted_Server::Scripted_Server(std::vector<Reply> replies) : replies_(std::mov
 {
   if (replies_.empty())
     replies_.push_back(Reply::json(200, "{}"));
-  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int one = 1;
-  setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in a;
-  std::memset(&a, 0, sizeof a);
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(listener_, 16) != 0)
-    throw std::runtime_error("scripted server: bind failed");
-  socklen_t n = sizeof a;
-  getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &n);
-  port_ = ntohs(a.sin_port);
+  listener_ = loopback_listener(port_);
+  if (listener_ < 0)
+    throw std::runtime_error("scripted server: no listening socket");
   acceptor_ = std::thread([this] { accept_loop(); });
 }
 
@@ -193,15 +170,10 @@ void Scripted_Server::serve(int fd, int number)
       r.target = std::string(message.target());
       for (const auto& field : message)
       {
-        std::string name(field.name_string());
-        for (char& c : name)
-          c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        std::string value(field.value());
-        auto existing = r.headers.find(name);
-        if (existing == r.headers.end())
-          r.headers[name] = value;
-        else
-          existing->second += ", " + value;
+        std::string name = boost::algorithm::to_lower_copy(std::string(field.name_string()));
+        auto added = r.headers.emplace(name, std::string(field.value()));
+        if (!added.second)
+          added.first->second += ", " + std::string(field.value());
       }
       r.body = message.body();
       r.connection = number;
@@ -229,10 +201,5 @@ void Scripted_Server::serve(int fd, int number)
   }
   std::lock_guard<std::mutex> guard(mutex_);
   close(fd);
-  for (auto i = open_.begin(); i != open_.end(); ++i)
-    if (*i == fd)
-    {
-      open_.erase(i);
-      break;
-    }
+  open_.erase(std::find(open_.begin(), open_.end(), fd));
 }
