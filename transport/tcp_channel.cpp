@@ -579,6 +579,10 @@ bool TCP_Channel::followers_waiting()
 
 bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
 {
+  // What an earlier caller left for the read thread goes first: a response
+  // read after it must not overtake it.
+  if (!handed_.empty() || lent_end_ != LENT_READING)
+    return true;
   JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
   bool handing = false;
   TCP_Frame_Reader::Handler deliver = [this, dispatcher, &handing](JSON_RPC_Reader& reader) {
@@ -596,10 +600,6 @@ bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* 
       dispatcher->dispatch(self_, object);
     return !closing_;
   };
-  // What an earlier caller left for the read thread goes first: a response
-  // read after it must not overtake it.
-  if (!handed_.empty() || lent_end_ != LENT_READING)
-    return true;
   Reading_Mark mark;
   Spin_Wait spin;
   const Clock::duration limit = to_duration(options_.read_limit);
