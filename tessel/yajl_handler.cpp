@@ -1,6 +1,8 @@
 #include "tessel/yajl_handler.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
 YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE), event_count(0) {}
@@ -55,7 +57,80 @@ namespace
 
 yajl_callbacks const* get_yajl_default_callbacks() { return &default_callbacks; }
 
-YAJL_Feeder::YAJL_Feeder() : carry_fed_(false), quiet_(0), data_(nullptr), length_(0) {}
+YAJL_Feeder::YAJL_Feeder()
+  : carry_fed_(false), quiet_(0), data_(nullptr), length_(0), blocks_(), block_count_(0),
+    alloc_funcs_{block_malloc, block_realloc, block_free, this}
+{
+}
+
+YAJL_Feeder::~YAJL_Feeder()
+{
+  for (size_t i = 0; i < block_count_; ++i)
+    std::free(blocks_[i]);
+}
+
+namespace
+{
+  // Each block starts with its capacity; the header keeps malloc's alignment.
+  struct alignas(std::max_align_t) Block_Header
+  {
+    size_t capacity;
+  };
+
+  void* payload(Block_Header* h) { return h + 1; }
+  Block_Header* header(void* block) { return static_cast<Block_Header*>(block) - 1; }
+}
+
+void* YAJL_Feeder::block_malloc(void* ctx, size_t size)
+{
+  // The smallest kept block that fits, so that a small request does not
+  // take the block a buffer will ask for next.
+  YAJL_Feeder* f = static_cast<YAJL_Feeder*>(ctx);
+  size_t best = f->block_count_;
+  for (size_t i = 0; i < f->block_count_; ++i)
+  {
+    size_t capacity = static_cast<Block_Header*>(f->blocks_[i])->capacity;
+    if (capacity >= size && (best == f->block_count_ || capacity < static_cast<Block_Header*>(f->blocks_[best])->capacity))
+      best = i;
+  }
+  if (best < f->block_count_)
+  {
+    Block_Header* h = static_cast<Block_Header*>(f->blocks_[best]);
+    f->blocks_[best] = f->blocks_[--f->block_count_];
+    return payload(h);
+  }
+  Block_Header* h = static_cast<Block_Header*>(std::malloc(sizeof(Block_Header) + size));
+  if (!h)
+    return nullptr;
+  h->capacity = size;
+  return payload(h);
+}
+
+void* YAJL_Feeder::block_realloc(void* ctx, void* block, size_t size)
+{
+  if (!block)
+    return block_malloc(ctx, size);
+  Block_Header* h = header(block);
+  if (h->capacity >= size)
+    return block;
+  h = static_cast<Block_Header*>(std::realloc(h, sizeof(Block_Header) + size));
+  if (!h)
+    return nullptr;
+  h->capacity = size;
+  return payload(h);
+}
+
+void YAJL_Feeder::block_free(void* ctx, void* block)
+{
+  if (!block)
+    return;
+  YAJL_Feeder* f = static_cast<YAJL_Feeder*>(ctx);
+  Block_Header* h = header(block);
+  if (h->capacity <= kept_size && f->block_count_ < kept_blocks)
+    f->blocks_[f->block_count_++] = h;
+  else
+    std::free(h);
+}
 
 void YAJL_Feeder::reset()
 {

@@ -63,8 +63,16 @@ class TESSEL_EXPORT YAJL_Feeder
 {
 public:
   YAJL_Feeder();
+  ~YAJL_Feeder();
+  YAJL_Feeder(const YAJL_Feeder&) = delete;
+  YAJL_Feeder& operator=(const YAJL_Feeder&) = delete;
   /// Drops what was gathered; for a new parse handle.
   void reset();
+  /// Allocation functions for yajl_alloc. A parser opens a handle per
+  /// message; they keep the few small blocks of a freed handle for the
+  /// next one instead of returning them to malloc. The handle must be
+  /// freed before the feeder.
+  yajl_alloc_funcs* alloc_funcs() { return &alloc_funcs_; }
   /// Feeds one piece to handle, whose context is handler; data null or
   /// length 0 finishes the parse with yajl_complete_parse.
   yajl_status feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length);
@@ -79,6 +87,17 @@ private:
   unsigned long long quiet_; // bytes fed since the last event
   char const* data_;
   unsigned long long length_;
+
+  static void* block_malloc(void* ctx, size_t size);
+  static void* block_realloc(void* ctx, void* block, size_t size);
+  static void block_free(void* ctx, void* block);
+  // A handle takes six blocks of a few hundred bytes at most, and its
+  // buffers grow with long tokens: only small blocks are kept.
+  static const size_t kept_blocks = 8;
+  static const size_t kept_size = 4096;
+  void* blocks_[kept_blocks];
+  size_t block_count_;
+  yajl_alloc_funcs alloc_funcs_;
 };
 
 /// The error text of a YAJL parse handle, freed with the object.
