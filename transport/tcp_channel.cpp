@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <condition_variable>
 #include <cstring>
 #include <climits>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include <netinet/tcp.h>
 #include <new>
 #include <poll.h>
+#include <pthread.h>
 #include <linux/futex.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -117,6 +119,77 @@ namespace
     int forward_id_;
   };
 }
+
+// One thread looks after all read threads that stand aside, and calls a
+// read thread back when nobody has read its channel for park_limit. Each
+// waking itself on a timer instead costs a context switch per connection
+// every park_limit, which adds up with many busy connections.
+class Aside_Watch
+{
+public:
+  static Aside_Watch& instance()
+  {
+    // Never destroyed: read threads may still stand aside while the
+    // process exits.
+    static Aside_Watch* watch = new Aside_Watch;
+    return *watch;
+  }
+
+  /// False when no watching thread could be started: the read thread
+  /// then wakes on its own timer.
+  bool enter(TCP_Channel* channel)
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (!started_)
+    {
+      try
+      {
+        std::thread(&Aside_Watch::run, this).detach();
+      }
+      catch (const std::system_error&)
+      {
+        return false;
+      }
+      started_ = true;
+    }
+    aside_.push_back(channel);
+    if (aside_.size() == 1)
+      wake_.notify_one();
+    return true;
+  }
+
+  void leave(TCP_Channel* channel)
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    aside_.erase(std::find(aside_.begin(), aside_.end(), channel));
+  }
+
+private:
+  Aside_Watch() : started_(false) {}
+
+  void run()
+  {
+    pthread_setname_np(pthread_self(), "tcp-aside");
+    std::unique_lock<std::mutex> lock(lock_);
+    for (;;)
+    {
+      if (aside_.empty())
+      {
+        wake_.wait(lock);
+        continue;
+      }
+      wake_.wait_for(lock, std::chrono::nanoseconds(park_limit_ns));
+      long long now = now_ns();
+      for (TCP_Channel* channel : aside_)
+        channel->look_aside(now);
+    }
+  }
+
+  std::mutex lock_;
+  std::condition_variable wake_;
+  std::vector<TCP_Channel*> aside_;
+  bool started_;
+};
 
 // ---------------------------------------------------------------- output
 
@@ -398,16 +471,22 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
   int timeout_ms = 0;
   // Every way out of the loop keeps the token: no caller reads any more.
   bool held = true;
+  bool watched = false;
   for (;;)
   {
     if (!held)
     {
       // While callers come back to read for themselves, it stays aside.
-      if (!stand_aside() && now_ns() - lent_at_.load() < park_limit_ns)
+      if (!watched)
+        watched = Aside_Watch::instance().enter(this);
+      if (!stand_aside(!watched) && now_ns() - lent_at_.load() < park_limit_ns)
         continue;
       if (token_.exchange(true))
         continue;
       held = true;
+      if (watched)
+        Aside_Watch::instance().leave(this);
+      watched = false;
     }
     // What a caller read and left here, in the order it came.
     if (!handed_.empty())
@@ -478,6 +557,7 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
     // itself then, unless others wait already.
     if (answered && lending)
     {
+      lent_at_.store(now_ns());
       token_.store(false);
       held = followers_waiting() && !token_.exchange(true);
     }
@@ -504,14 +584,21 @@ bool TCP_Channel::read_ended(ssize_t n, int error, const TCP_Frame_Reader& frame
   return false;
 }
 
-bool TCP_Channel::stand_aside()
+void TCP_Channel::look_aside(long long now)
 {
-  // Back at once when called; after park_limit anyway, so that a request or
-  // notification that comes while no caller reads waits little.
+  if (!token_.load() && now - lent_at_.load() >= park_limit_ns)
+    call_reader();
+}
+
+bool TCP_Channel::stand_aside(bool timed)
+{
+  // Back at once when called. Untimed, the watch calls it back when nobody
+  // reads any more, so that a request or notification that comes then
+  // waits little; timed, it looks for itself after park_limit.
   if (call_.exchange(0) == 1)
     return true;
   struct timespec limit = {0, park_limit_ns};
-  futex(&call_, FUTEX_WAIT_PRIVATE, 0, &limit);
+  futex(&call_, FUTEX_WAIT_PRIVATE, 0, timed ? &limit : nullptr);
   return call_.exchange(0) == 1;
 }
 

@@ -190,8 +190,12 @@ private:
   void read_loop(TCP_Frame_Reader& frames);
   bool read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames);
   bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
-  bool stand_aside();
+  bool stand_aside(bool timed);
   void call_reader();
+  friend class Aside_Watch;
+  /// Calls the read thread back when nobody has held the token for
+  /// park_limit; for the thread that watches read threads standing aside.
+  void look_aside(long long now);
   bool lend(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
   void follow(JSON_RPC_Response_Wait* wait, bool add);
   bool followers_waiting();
@@ -243,7 +247,8 @@ private:
   std::vector<JSON_RPC_Response_Wait*> followers_;
   // 1 when the read thread is wanted back at once (a futex word).
   std::atomic<int> call_;
-  // When a caller last let go of the token, in steady clock nanoseconds.
+  // When a caller or the read thread last let go of the token, in steady
+  // clock nanoseconds.
   std::atomic<long long> lent_at_;
   TCP_Frame_Reader* frames_;
   std::unique_ptr<char[]> read_buffer_;
