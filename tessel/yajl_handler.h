@@ -91,8 +91,8 @@ private:
   static void* block_malloc(void* ctx, size_t size);
   static void* block_realloc(void* ctx, void* block, size_t size);
   static void block_free(void* ctx, void* block);
-  // A handle takes six blocks of a few hundred bytes at most, and its
-  // buffers grow with long tokens: only small blocks are kept.
+  // A handle takes six blocks, the largest 2 KB; its buffers grow with
+  // long tokens, and only blocks up to kept_size are kept.
   static const size_t kept_blocks = 8;
   static const size_t kept_size = 4096;
   void* blocks_[kept_blocks];
