@@ -54,7 +54,7 @@ JSON_RPC_Parser::~JSON_RPC_Parser()
 bool JSON_RPC_Parser::open()
 {
   close();
-  handle = yajl_alloc(get_yajl_default_callbacks(), feeder_.alloc_funcs(), static_cast<YAJL_Handler*>(this));
+  handle = feeder_.alloc_handle(*this);
   if (!handle)
   {
     err = ERR_NO_HANDLE;

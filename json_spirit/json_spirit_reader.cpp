@@ -253,7 +253,7 @@ JSON_Reader::~JSON_Reader() { close(); }
 bool JSON_Reader::open()
 {
   close();
-  handle_ = yajl_alloc(get_yajl_default_callbacks(), feeder_.alloc_funcs(), static_cast<YAJL_Handler*>(this));
+  handle_ = feeder_.alloc_handle(*this);
   return handle_ != nullptr;
 }
 

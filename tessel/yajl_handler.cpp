@@ -81,6 +81,11 @@ namespace
   Block_Header* header(void* block) { return static_cast<Block_Header*>(block) - 1; }
 }
 
+yajl_handle YAJL_Feeder::alloc_handle(YAJL_Handler& handler)
+{
+  return yajl_alloc(get_yajl_default_callbacks(), &alloc_funcs_, &handler);
+}
+
 void* YAJL_Feeder::block_malloc(void* ctx, size_t size)
 {
   // The smallest kept block that fits, so that a small request does not

@@ -68,11 +68,11 @@ public:
   YAJL_Feeder& operator=(const YAJL_Feeder&) = delete;
   /// Drops what was gathered; for a new parse handle.
   void reset();
-  /// Allocation functions for yajl_alloc. A parser opens a handle per
-  /// message; they keep the few small blocks of a freed handle for the
-  /// next one instead of returning them to malloc. The handle must be
-  /// freed before the feeder.
-  yajl_alloc_funcs* alloc_funcs() { return &alloc_funcs_; }
+  /// A parse handle with the default callbacks and handler as their
+  /// context. A parser opens one per message: the handle's few small
+  /// blocks come from those the last handle freed instead of from malloc.
+  /// It must be freed before the feeder.
+  yajl_handle alloc_handle(YAJL_Handler& handler);
   /// Feeds one piece to handle, whose context is handler; data null or
   /// length 0 finishes the parse with yajl_complete_parse.
   yajl_status feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length);
