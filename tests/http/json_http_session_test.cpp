@@ -157,18 +157,16 @@ TEST(JSON_HTTP_Session, LimitsEndTheRepeats)
   HTTP_Response response;
   Value out;
   JSON_HTTP_Session session(local_session(server.port()), 1, -1);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(2, server.heads());
-  session.retries(0);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(3, server.heads());
-  session.retries(-1);
-  session.retry_timeout(0);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(4, server.heads());
-  session.retry_timeout(4);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(8, server.heads()) << "waits of 1, 2 and 4 start while less than 4 seconds were waited";
+  // retries, retry_timeout, and the heads the server has seen after the call.
+  // With 4 seconds, waits of 1, 2 and 4 start while less than 4 were waited.
+  const int limits[][3] = {{1, -1, 2}, {0, -1, 3}, {-1, 0, 4}, {-1, 4, 8}};
+  for (const auto& l : limits)
+  {
+    session.retries(l[0]);
+    session.retry_timeout(l[1]);
+    EXPECT_FALSE(session.get(request, response, &out));
+    EXPECT_EQ(l[2], server.heads()) << "retries " << l[0] << ", retry_timeout " << l[1];
+  }
   EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits());
 }
 

@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
-#include <fstream>
+#include <filesystem>
 #include <iostream>
-#include <sstream>
 
 namespace
 {
@@ -17,28 +14,18 @@ namespace
   std::vector<std::string> suite_files(const std::string& prefix)
   {
     std::vector<std::string> names;
-    if (DIR* dir = opendir(JSON_TEST_SUITE_DIR))
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(JSON_TEST_SUITE_DIR, missing))
     {
-      while (dirent* entry = readdir(dir))
-      {
-        std::string name = entry->d_name;
-        if (name.compare(0, prefix.size(), prefix) == 0 && name.size() > 5 &&
-            name.compare(name.size() - 5, 5, ".json") == 0)
-          names.push_back(name);
-      }
-      closedir(dir);
+      std::string name = entry.path().filename().string();
+      if (name.compare(0, prefix.size(), prefix) == 0 && entry.path().extension() == ".json")
+        names.push_back(name);
     }
     std::sort(names.begin(), names.end());
     return names;
   }
 
-  std::string content(const std::string& name)
-  {
-    std::ifstream in(std::string(JSON_TEST_SUITE_DIR) + "/" + name, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
+  std::string content(const std::string& name) { return read_file(std::string(JSON_TEST_SUITE_DIR) + "/" + name); }
 
   struct Outcome
   {

@@ -385,13 +385,11 @@ TEST(Pool_Helper, StopRunsWhatIsQueuedInOrderOrDropsIt)
         ran.push_back(name);
       };
     };
-    ASSERT_GE(pool.schedule(
-                [&] {
-                  started.add();
-                  gate.wait_for(1);
-                },
-                false),
-              1);
+    auto hold = [&] {
+      started.add();
+      gate.wait_for(1);
+    };
+    ASSERT_GE(pool.schedule(hold, false), 1);
     ASSERT_TRUE(started.wait_for(1));
     ASSERT_GE(pool.schedule(task('B'), false), 1);
     ASSERT_GE(pool.schedule(task('C'), true), 1);

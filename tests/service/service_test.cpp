@@ -382,11 +382,7 @@ namespace
     std::string uri() const override { return "/hello"; }
     std::string header(const char*) const override { return ""; }
     ssize_t read(char*, size_t) override { return 0; }
-    int status(int code) override
-    {
-      status_code = code;
-      return 0;
-    }
+    int status(int code) override { return status_code = code, 0; }
     int put_header(const char* name, const char* value) override
     {
       headers += std::string(name) + ": " + value + "\n";

@@ -168,7 +168,6 @@ struct Reply
   std::string bytes;        // sent as they are
   bool close = false;       // close the connection after them
   int delay_ms = 0;         // wait before sending
-  bool read_body = true;    // false: answer after the head only, then close
   long drop_after = -1;     // at this many body bytes: close at once, no answer
 
   /// A whole response with a body of the given type.

@@ -138,12 +138,7 @@ void Scripted_Server::serve(int fd, int number)
           break;
         }
         if (parser.is_header_done() && !reply)
-        {
-          int index = heads_++;
-          reply = &replies_[std::min<size_t>(static_cast<size_t>(index), replies_.size() - 1)];
-          if (!reply->read_body)
-            break;
-        }
+          reply = &replies_[std::min<size_t>(static_cast<size_t>(heads_++), replies_.size() - 1)];
         size_t now = parser.get().body().size();
         body_bytes_ += now - seen_body;
         seen_body = now;
@@ -191,7 +186,7 @@ void Scripted_Server::serve(int fd, int number)
     if (reply->delay_ms)
       std::this_thread::sleep_for(std::chrono::milliseconds(reply->delay_ms));
     send_all(fd, reply->bytes);
-    if (reply->close || !reply->read_body || !parser.is_done())
+    if (reply->close || !parser.is_done())
       break;
   }
   shutdown(fd, SHUT_WR);
