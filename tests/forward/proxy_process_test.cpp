@@ -84,10 +84,12 @@ namespace
       ASSERT_NE(0, upstream->port) << upstream->log();
     }
 
-    // The example configuration with the upstream's real port and framing.
-    void start_proxy(const char* framing, const char* link_framing)
+    // An upstream, and the example configuration in front of it with the
+    // upstream's real port; every hop with the same framing.
+    void start_proxy(const char* framing)
     {
-      write_proxy_conf(dir, upstream->port, link_framing);
+      ASSERT_NO_FATAL_FAILURE(start_upstream(framing));
+      write_proxy_conf(dir, upstream->port, framing);
       proxy.reset(new Host(JSONRPC_HOST, dir, "proxy",
                            {"--listen", "127.0.0.1:0", "--framing", framing, "--svc-conf", "proxy.svc.conf"}));
       ASSERT_NE(0, proxy->port) << proxy->log();
@@ -100,8 +102,7 @@ namespace
 
 TEST_F(Proxy_Processes, ConcurrentCallersEachGetTheirOwnAnswersUnderTheirOwnIds)
 {
-  ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
-  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson", "ndjson"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson"));
   const int callers = 4, calls = 12;
   // Every caller numbers its calls 1, 2, ...: the same ids on every
   // connection, and each must come back to its own caller. Every fourth
@@ -170,8 +171,7 @@ TEST_F(Proxy_Processes, ContentLengthCallersOfTheLibraryClientGetTheirAnswers)
 {
   // Every hop with Content-Length framing: the proxy holds each forwarded
   // message until its end, and the answers are the same.
-  ASSERT_NO_FATAL_FAILURE(start_upstream("content-length"));
-  ASSERT_NO_FATAL_FAILURE(start_proxy("content-length", "content-length"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("content-length"));
   Log_Capture log;
   TCP_Options options;
   JSON_RPC_Channel_Strong_Ptr channel;
@@ -184,9 +184,8 @@ TEST_F(Proxy_Processes, ContentLengthCallersOfTheLibraryClientGetTheirAnswers)
       {
         JSON_RPC_Object_Ptr response;
         Value params = i == 3 ? Value(json_spirit::Object{{"mb", 2}}) : Value(json_spirit::Array{t, i});
-        ASSERT_TRUE(session.request(JSON_RPC_Session::make_rpc_request(i == 3 ? "big.result" : "echo",
-                                                                       std::move(params)),
-                                    response, 60));
+        auto call = JSON_RPC_Session::make_rpc_request(i == 3 ? "big.result" : "echo", std::move(params));
+        ASSERT_TRUE(session.request(call, response, 60));
         ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE, response->type);
         const Value& result = static_cast<const JSON_RPC_Response&>(*response).result;
         if (i < 3)
@@ -211,8 +210,7 @@ TEST_F(Proxy_Processes, ContentLengthCallersOfTheLibraryClientGetTheirAnswers)
 
 TEST_F(Proxy_Processes, ARequesterThatLeavesMidResponseLeavesTheProxyServingTheOthers)
 {
-  ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
-  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson", "ndjson"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson"));
   Line_Client staying(proxy->port);
   {
     Line_Client leaving(proxy->port);
@@ -239,8 +237,7 @@ TEST_F(Proxy_Processes, ARequesterThatLeavesMidResponseLeavesTheProxyServingTheO
 
 TEST_F(Proxy_Processes, AnUpstreamThatClosesAnswersEachPendingCallerAndIsConnectedAgain)
 {
-  ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
-  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson", "ndjson"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson"));
   std::vector<std::unique_ptr<Line_Client>> callers;
   for (int i = 0; i < 3; ++i)
   {
@@ -279,8 +276,7 @@ TEST_F(Proxy_Processes, AnUpstreamThatClosesAnswersEachPendingCallerAndIsConnect
 
 TEST_F(Proxy_Processes, AResponseThatBreaksOffUpstreamEndsTheCallersConnectionInsteadOfLeavingItWaiting)
 {
-  ASSERT_NO_FATAL_FAILURE(start_upstream("ndjson"));
-  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson", "ndjson"));
+  ASSERT_NO_FATAL_FAILURE(start_proxy("ndjson"));
   // The caller reads slowly, so the upstream is still writing when it dies.
   Line_Client caller(proxy->port);
   ASSERT_TRUE(caller.send(request(1, "big.result", json_spirit::Object{{"mb", 256}})));

@@ -1,8 +1,8 @@
 // The reader's two ways past assembly: a response streamed to the channel
 // that asked for it, and params handed to a filter while they arrive.
+#include "fake_channel.h"
 #include "rpc_test_util.h"
 
-#include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_params_filter.h"
 #include "log_capture.h"
 
@@ -51,11 +51,9 @@ namespace
 
   // Both sides of a forward in one class: as the link it hands out forward
   // entries, as the requester it collects what send_begin opens.
-  class Forward_Channel : public JSON_RPC_Channel
+  class Forward_Channel : public Fake_Channel
   {
   public:
-    int send_object(JSON_RPC_Object_Ptr) override { return -1; }
-    int send_generator(JSON_Generator&) override { return -1; }
     yajl_gen_t* send_begin() override
     {
       ++begun;
@@ -85,8 +83,6 @@ namespace
       entries.erase(i);
       return 0;
     }
-    int get_local_addr(ACE_Addr&) const override { return -1; }
-    int get_remote_addr(ACE_Addr&) const override { return -1; }
     int io_state() override { return state; }
     ACE_Lock* io_mutex() override { return lock; }
 

@@ -131,7 +131,7 @@ TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
   ASSERT_TRUE(session.get(request, response, out));
   EXPECT_EQ("{\"ok\":true}", dump_json(out));
   EXPECT_EQ(3, server.heads()) << "cut in the head, cut in the body, then whole";
-  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits());
+  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits);
   EXPECT_EQ(1u, log.count("Retry(1) "));
   EXPECT_EQ(1u, log.count("Retry(2) "));
   EXPECT_TRUE(log.contains("Failed to receive response from http://127.0.0.1:"));
@@ -167,7 +167,7 @@ TEST(JSON_HTTP_Session, LimitsEndTheRepeats)
     EXPECT_FALSE(session.get(request, response, &out));
     EXPECT_EQ(l[2], server.heads()) << "retries " << l[0] << ", retry_timeout " << l[1];
   }
-  EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits());
+  EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits);
 }
 
 TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)

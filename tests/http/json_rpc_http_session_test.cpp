@@ -220,7 +220,7 @@ TEST(JSON_RPC_HTTP_Session, MessagePathTriesOnceTheRawPathRepeats)
   Value result;
   EXPECT_FALSE(rpc.request("m", &result));
   EXPECT_EQ(3u, log.count("Failed to connect to"));
-  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits());
+  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits);
 
   log.clear();
   EXPECT_FALSE(rpc.request("", &result));

@@ -104,9 +104,7 @@ TEST_F(Registers, ChannelMapNotifySendsToLivingChannelsAndOnlyToStringIds)
   EXPECT_EQ(0, map->notify(3, "b", notification("one")));
   EXPECT_EQ(0, map->notify(3, "zzz", notification("none")));
   EXPECT_EQ(2u, fake(b).count());
-  EXPECT_EQ(0, map->notify(3, std::vector<json_spirit::Value>{json_spirit::Value(42), json_spirit::Value("b"),
-                                                             json_spirit::Value("b")},
-                           notification("listed")));
+  EXPECT_EQ(0, map->notify(3, std::vector<json_spirit::Value>{42, "b", "b"}, notification("listed")));
   EXPECT_EQ((std::vector<std::string>{"all", "one", "listed", "listed"}), fake(b).methods());
   EXPECT_EQ(1u, fake(c).count());
 }

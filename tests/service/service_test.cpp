@@ -349,11 +349,8 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
   publish("news");
   publish("weather");
   publish("sport");
-  auto sent = fake(subscriber).sent();
-  ASSERT_EQ(4u, sent.size());
-  EXPECT_EQ("news", as_request(sent[2]).method);
-  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, sent[2]->type);
-  EXPECT_EQ("sport", as_request(sent[3]).method);
+  ASSERT_EQ((std::vector<std::string>{"", "", "news", "sport"}), fake(subscriber).methods());
+  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, fake(subscriber).sent()[2]->type);
 
   dispatcher->dispatch(weak, make_message("unsubscribe", "news", 3));
   EXPECT_EQ("true", last_result());

@@ -9,8 +9,6 @@
 #include "json_rpc/json_rpc_params_filter.h"
 
 #include <cerrno>
-#include <cstring>
-#include <new>
 
 #define TEST_FACTORY extern "C" __attribute__((visibility("default")))
 

@@ -37,16 +37,11 @@ struct Recorded_Waits
 {
   Recorded_Waits()
   {
-    waits().clear();
-    retry_sleeper(&record);
+    waits.clear();
+    retry_sleeper([](unsigned int seconds) { waits.push_back(seconds); });
   }
   ~Recorded_Waits() { retry_sleeper(nullptr); }
-  static std::vector<unsigned int>& waits()
-  {
-    static std::vector<unsigned int> w;
-    return w;
-  }
-  static void record(unsigned int seconds) { waits().push_back(seconds); }
+  inline static std::vector<unsigned int> waits;
 };
 
 /// A session on 127.0.0.1 with short limits, for the scripted server.
