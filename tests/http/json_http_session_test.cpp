@@ -197,7 +197,7 @@ TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)
   EXPECT_TRUE(lenient.is_status_ok(500));
 }
 
-namespace
+TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
 {
   class Filling_Client : public JSON_RESTful_Client
   {
@@ -212,10 +212,6 @@ namespace
     mutable int fills = 0;
     bool allow = true;
   };
-}
-
-TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
-{
   Recorded_Waits waits;
   Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 3), Reply::json(200, "{}")});
   Filling_Client client(local_session(server.port()), true);
@@ -267,7 +263,7 @@ TEST(JSON_RESTful_Client, WithoutASessionEveryRequestFails)
   EXPECT_TRUE(client.get("/x", &out)) << "a failed reset changes nothing";
 }
 
-namespace
+TEST(JSON_HTTP_Session, TakesABodyToASinkInTwoSteps)
 {
   struct String_Sink : IO_Base
   {
@@ -278,10 +274,6 @@ namespace
     }
     std::string text;
   };
-}
-
-TEST(JSON_HTTP_Session, TakesABodyToASinkInTwoSteps)
-{
   std::string doc = "[\"" + std::string(20000, 'q') + "\"]";
   Scripted_Server server({Reply::chunked(200, doc, 3000), Reply::json(200, "x", "text/plain")});
   JSON_HTTP_Session session(local_session(server.port()), 0, 0);

@@ -30,6 +30,11 @@ namespace
   {
     return std::string("{\"jsonrpc\":\"2.0\",\"id\":\"x\",\"result\":") + result + "}";
   }
+
+  // The size of the streaming tests' messages.
+  const int item_count = 65536;
+  const size_t item_size = 1024;  // 64 MiB of text in all
+  const long long text_size = static_cast<long long>(item_count) * (item_size + 3);
 }
 
 TEST(JSON_RPC_HTTP_Session, MessageAndRawBodyPathsAgainstJayson)
@@ -230,12 +235,8 @@ TEST(JSON_RPC_HTTP_Session, MessagePathTriesOnceTheRawPathRepeats)
   EXPECT_FALSE(none.request(make_request("m", "[]")).get());
 }
 
-namespace
+TEST(Streaming, A64MBRequestIsGeneratedOntoTheConnection)
 {
-  const int item_count = 65536;
-  const size_t item_size = 1024;  // 64 MiB of text in all
-  const long long text_size = static_cast<long long>(item_count) * (item_size + 3);
-
   // A JSON-RPC request whose params are item_count strings, made while sent.
   class Big_Request : public JSON_Generator
   {
@@ -251,10 +252,6 @@ namespace
       return gen.map_close().ok();
     }
   };
-}
-
-TEST(Streaming, A64MBRequestIsGeneratedOntoTheConnection)
-{
   Node_Peer jayson("jayson_server.js");
   JSON_RPC_HTTP_Session rpc(local_session(jayson.port(), 120), "/", 0, 0);
   HTTP_Request request(HTTP_Request::METHOD_POST, "/");

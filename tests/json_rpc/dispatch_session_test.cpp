@@ -70,6 +70,43 @@ namespace
     Recording_Handler* handler_;
     Recording_Handler* quiet_;
   };
+
+  // Answers every request sent to the channel, on the sending thread, before
+  // the caller starts to wait.
+  void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
+  {
+    channel.on_send([make](JSON_RPC_Object_Ptr sent) {
+      if (JSON_RPC_Object* answer = make(*sent))
+      {
+        answer->id = sent->id;
+        JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
+      }
+    });
+  }
+
+  JSON_RPC_Object* result_of(json_spirit::Value v)
+  {
+    JSON_RPC_Response* r = new JSON_RPC_Response(nullptr);
+    r->result = std::move(v);
+    return r;
+  }
+
+  class Session : public Dispatch
+  {
+  protected:
+    void SetUp() override
+    {
+      Dispatch::SetUp();
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
+      retry_sleeper([](unsigned int) {});
+    }
+    void TearDown() override
+    {
+      retry_sleeper(nullptr);
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
+      Dispatch::TearDown();
+    }
+  };
 }
 
 TEST_F(Dispatch, HandlerResultPassesThroughAndTheDebugLineFollowsTheHandler)
@@ -134,46 +171,6 @@ TEST_F(Dispatch, BadObjectsAndStrayResponsesGiveMinusOneQuietly)
   EXPECT_EQ(-1, dispatch(response));
   EXPECT_TRUE(log.empty());
   EXPECT_TRUE(handler_->seen.empty());
-}
-
-namespace
-{
-  // Answers every request sent to the channel, on the sending thread, before
-  // the caller starts to wait.
-  void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
-  {
-    channel.on_send([make](JSON_RPC_Object_Ptr sent) {
-      if (JSON_RPC_Object* answer = make(*sent))
-      {
-        answer->id = sent->id;
-        JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
-      }
-    });
-  }
-
-  JSON_RPC_Object* result_of(json_spirit::Value v)
-  {
-    JSON_RPC_Response* r = new JSON_RPC_Response(nullptr);
-    r->result = std::move(v);
-    return r;
-  }
-
-  class Session : public Dispatch
-  {
-  protected:
-    void SetUp() override
-    {
-      Dispatch::SetUp();
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      retry_sleeper([](unsigned int) {});
-    }
-    void TearDown() override
-    {
-      retry_sleeper(nullptr);
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      Dispatch::TearDown();
-    }
-  };
 }
 
 TEST_F(Session, AnswersFromAnotherThreadWakeTheirOwnCallerEarlyOrLate)

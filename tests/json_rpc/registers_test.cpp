@@ -234,7 +234,7 @@ TEST(Forward_Map, CountsOnHandsEachEntryOutOnceAndAnswersOnClear)
   EXPECT_TRUE(quiet.empty());
 }
 
-namespace
+TEST_F(Registers, ResponseMapKeysByValueAndKeepsHeldHandlersAlive)
 {
   struct Counting_Handler : JSON_RPC_Handler
   {
@@ -243,10 +243,6 @@ namespace
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return 0; }
     int* alive_;
   };
-}
-
-TEST_F(Registers, ResponseMapKeysByValueAndKeepsHeldHandlersAlive)
-{
   int alive = 0;
   auto* map = JSON_RPC_Response_Map::instance();
   JSON_RPC_Handler_Ptr first(new Counting_Handler(&alive)), second(new Counting_Handler(&alive));

@@ -129,18 +129,9 @@ TEST(value_lesser, IsAStrictWeakOrderThatKeepsEveryIdApart)
   EXPECT_EQ(8, ids.at(Value(ULLONG_MAX)));
 }
 
-namespace
-{
-  struct Number_Case
-  {
-    const char* text;
-    json_spirit::Value expected;
-  };
-}
-
 TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBitsAndTheRestAreReals)
 {
-  const Number_Case cases[] = {
+  const std::pair<const char*, Value> cases[] = {
     {"0", Value(0)},
     {"-0", Value(0)},
     {"-42", Value(-42)},
@@ -162,12 +153,12 @@ TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBitsAndTheRestAreReals)
     // Underflow settles to zero.
     {"1e-400", Value(0.0)},
   };
-  for (const Number_Case& c : cases)
+  for (const auto& c : cases)
   {
     Value v;
-    EXPECT_TRUE(json_spirit::number_to_value(c.text, std::strlen(c.text), v)) << c.text;
-    EXPECT_EQ(c.expected, v) << c.text;
-    EXPECT_EQ(c.expected.type(), v.type()) << c.text;
+    EXPECT_TRUE(json_spirit::number_to_value(c.first, std::strlen(c.first), v)) << c.first;
+    EXPECT_EQ(c.second, v) << c.first;
+    EXPECT_EQ(c.second.type(), v.type()) << c.first;
   }
   Value negative_zero;
   ASSERT_TRUE(json_spirit::number_to_value("-0.0", 4, negative_zero));

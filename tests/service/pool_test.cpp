@@ -166,6 +166,25 @@ namespace
     Probe_Pool handler;
     Gate gate;
   };
+
+  class Probe_Thread : public JSON_RPC_Thread_Handler
+  {
+  public:
+    int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      name = thread_name(); // read once `started` has counted it
+      started.add();
+      gate.wait_for(1);
+      answer(channel.get(), as_request(object), as_request(object).params);
+      finished.add();
+      // Nothing looks at this.
+      return -1;
+    }
+
+    Gate gate;
+    Counter started, finished;
+    std::string name;
+  };
 }
 
 TEST_F(Pool_Handler, ActivationPreconditionsNameTheOperandsAndMakeNoPool)
@@ -419,28 +438,6 @@ TEST(Pool_Helper, AbsurdSizesAreRefusedOrCapped)
   ASSERT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, SIZE_MAX / 16, 1));
   EXPECT_EQ(SIZE_MAX, JSON_RPC_Thread_Pool_Handler::thread_pool_->msg_queue()->high_water_mark());
   JSON_RPC_Thread_Pool_Handler::deactivate();
-}
-
-namespace
-{
-  class Probe_Thread : public JSON_RPC_Thread_Handler
-  {
-  public:
-    int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
-    {
-      name = thread_name(); // read once `started` has counted it
-      started.add();
-      gate.wait_for(1);
-      answer(channel.get(), as_request(object), as_request(object).params);
-      finished.add();
-      // Nothing looks at this.
-      return -1;
-    }
-
-    Gate gate;
-    Counter started, finished;
-    std::string name;
-  };
 }
 
 TEST(Thread_Handler, APeerThatIsGoneGetsNoThread)

@@ -39,6 +39,8 @@ namespace
     return handle != nullptr;
   }
 
+  Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
+
   class Service_Conf : public ::testing::Test
   {
   protected:
@@ -163,12 +165,6 @@ TEST_F(Service_Conf, FiltersAndRestCreatorsLoadUnderTheirOwnKeysAndWords)
   EXPECT_EQ(test_state().deleted.load(), 4);
 }
 
-
-namespace
-{
-  Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
-}
-
 TEST(Service_Options, ThePoolTakesItsFiguresWhateverTheOptionsPlaceOrForm)
 {
   for (const char* line : {"-l 50 -h 100 -n 4",
@@ -263,7 +259,7 @@ TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)
     << log.text();
 }
 
-namespace
+TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
 {
   // Notes, as it is destroyed, whether the pool was still there.
   class Stop_Witness : public JSON_RPC_Handler
@@ -276,10 +272,6 @@ namespace
   private:
     int& pool_gone_;
   };
-}
-
-TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
-{
   int pool_gone = -1;
   {
     Service_Run run("-n 2");
@@ -365,7 +357,7 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
   EXPECT_EQ(0u, fake(publisher).count());
 }
 
-namespace
+TEST_F(Examples, RestCreatorMakesHandlersThatGreet)
 {
   class Fake_REST_Channel : public JSON_RESTful_Channel
   {
@@ -388,16 +380,11 @@ namespace
 
     int status_code = 0;
     std::string headers, body;
-  };
-}
-
-TEST_F(Examples, RestCreatorMakesHandlersThatGreet)
-{
+  } channel;
   Object_Creator_T<JSON_RESTful_Handler>* creator = JSON_RESTful_Handler_Creator_Map::instance()->find("/hello");
   ASSERT_NE(nullptr, creator);
   JSON_RESTful_Handler* handler = creator->create();
   ASSERT_NE(nullptr, handler);
-  Fake_REST_Channel channel;
   EXPECT_EQ(0, handler->handle_exchange(channel));
   creator->destroy(handler);
   EXPECT_EQ(200, channel.status_code);

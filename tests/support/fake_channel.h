@@ -16,6 +16,11 @@
 #include <string>
 #include <vector>
 
+inline const JSON_RPC_Request& as_request(const JSON_RPC_Object_Ptr& object)
+{
+  return static_cast<const JSON_RPC_Request&>(*object);
+}
+
 /// A channel that keeps what is sent to it. Thread-safe; sends can be made
 /// to fail, and a hook can run on every send (to answer a call, say).
 class Fake_Channel : public JSON_RPC_Channel
@@ -94,9 +99,23 @@ public:
   size_t count() const { return sent().size(); }
 
   /// The methods of what was sent ("" for responses).
-  std::vector<std::string> methods() const;
+  std::vector<std::string> methods() const
+  {
+    std::vector<std::string> out;
+    for (const JSON_RPC_Object_Ptr& o : sent())
+      out.push_back(o->type <= JSON_RPC_Object::TYPE_REQUEST ? as_request(o).method : "");
+    return out;
+  }
+
   /// The params of the notifications and requests sent for `method`.
-  std::vector<json_spirit::Value> params_of(const std::string& method) const;
+  std::vector<json_spirit::Value> params_of(const std::string& method) const
+  {
+    std::vector<json_spirit::Value> out;
+    for (const JSON_RPC_Object_Ptr& o : sent())
+      if (o->type <= JSON_RPC_Object::TYPE_REQUEST && as_request(o).method == method)
+        out.push_back(as_request(o).params);
+    return out;
+  }
 
   /// Waits (bounded) until at least n objects were sent.
   bool wait_for(size_t n, int seconds = 20) const
@@ -127,11 +146,6 @@ inline JSON_RPC_Channel_Weak_Ptr gone_channel()
 {
   JSON_RPC_Channel_Strong_Ptr c = make_channel();
   return JSON_RPC_Channel_Weak_Ptr(c);
-}
-
-inline const JSON_RPC_Request& as_request(const JSON_RPC_Object_Ptr& object)
-{
-  return static_cast<const JSON_RPC_Request&>(*object);
 }
 
 /// A request with the given id or, with no id, a notification.
@@ -176,23 +190,6 @@ inline std::string call(const std::string& method, const json_spirit::Value& par
   if (!fake(channel).wait_for(1, 10))
     return "no answer";
   return answer_text(*fake(channel).sent().back());
-}
-
-inline std::vector<std::string> Fake_Channel::methods() const
-{
-  std::vector<std::string> out;
-  for (const JSON_RPC_Object_Ptr& o : sent())
-    out.push_back(o->type <= JSON_RPC_Object::TYPE_REQUEST ? as_request(o).method : "");
-  return out;
-}
-
-inline std::vector<json_spirit::Value> Fake_Channel::params_of(const std::string& method) const
-{
-  std::vector<json_spirit::Value> out;
-  for (const JSON_RPC_Object_Ptr& o : sent())
-    if (o->type <= JSON_RPC_Object::TYPE_REQUEST && as_request(o).method == method)
-      out.push_back(as_request(o).params);
-  return out;
 }
 
 #endif

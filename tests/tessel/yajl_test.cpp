@@ -66,7 +66,7 @@ TEST(YAJL_Error, QuotesTheTextAroundTheFault)
   EXPECT_STREQ("", YAJL_Error(nullptr, true, nullptr, 0).c_str());
 }
 
-namespace
+TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
 {
   struct Recorder : YAJL_Handler
   {
@@ -82,10 +82,6 @@ namespace
       return true;
     }
   };
-}
-
-TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
-{
   const std::string text = "[1, \"" + std::string(1 << 20, 'x') + "\", 22, null]";
   Recorder r;
   yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
