@@ -4,18 +4,10 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
-  struct Case
-  {
-    const char* text;
-    const char* object; // describe() of the result
-  };
-}
-
 TEST(JSON_RPC_Reader, AssemblesEachKindOfMessage)
 {
-  const Case cases[] = {
+  // Each text and describe() of what it reads as.
+  const std::pair<const char*, const char*> cases[] = {
     {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":[1,2]}",
      "type=2 version=2.0 id=1 method=m params=[1,2]"},
     {"{\"method\":\"m\"}", "type=1 version= id=null method=m params=null"},
@@ -46,12 +38,12 @@ TEST(JSON_RPC_Reader, AssemblesEachKindOfMessage)
     {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"error\":{}}", "type=2 version=2.0 id=1 method=m params=null"},
     {"42", "no object"},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
   {
-    Read_Outcome r = read_message(c.text);
-    EXPECT_TRUE(r.ok) << c.text;
-    EXPECT_EQ(c.object, describe(r.object)) << c.text;
-    EXPECT_EQ(0u, r.err) << c.text;
+    Read_Outcome r = read_message(c.first);
+    EXPECT_TRUE(r.ok) << c.first;
+    EXPECT_EQ(c.second, describe(r.object)) << c.first;
+    EXPECT_EQ(0u, r.err) << c.first;
   }
 }
 

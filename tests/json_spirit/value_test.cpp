@@ -11,17 +11,6 @@ using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
 
-namespace
-{
-  Value sample()
-  {
-    Object o;
-    o["list"] = Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})});
-    o["inner"] = Value(Object{{"k", Value(true)}});
-    return Value(std::move(o));
-  }
-}
-
 TEST(Value, KindsAndTheNumbersCallersTest)
 {
   EXPECT_EQ(2, Value("s").type());
@@ -65,7 +54,9 @@ TEST(Value, IntegersBeyondThirtyTwoBitsAreReadAsInt64)
 
 TEST(Value, CopiesAreDeepMovesEmptyTheSourceAndAChildCanReplaceItsParent)
 {
-  Value original = sample();
+  const Value sample(Object{{"list", Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})})},
+                            {"inner", Value(Object{{"k", Value(true)}})}});
+  Value original = sample;
   Value copy(original);
   copy.get_obj()["list"].get_array()[2].get_array().push_back(Value(4));
   EXPECT_NE(original, copy);
@@ -82,7 +73,7 @@ TEST(Value, CopiesAreDeepMovesEmptyTheSourceAndAChildCanReplaceItsParent)
   Value& alias = original;
   original = alias;
   original = std::move(alias);
-  EXPECT_EQ(sample(), original);
+  EXPECT_EQ(sample, original);
   original = original.get_obj()["list"];
   EXPECT_EQ(Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})}), original);
   original = std::move(original.get_array()[2]);

@@ -47,6 +47,44 @@ namespace
     void SetUp() override { test_state().reset(); }
     Temp_Dir dir;
   };
+
+  using json_spirit::Array;
+  using json_spirit::Value;
+
+  // The example handler libraries, booted from examples/svc.conf by ACE's
+  // service configurator as a host would (the file's paths, relative to the
+  // repository root, are pointed at this build). host_test.sh calls each
+  // method through a host; here is what a call alone can't show.
+  class Examples : public ::testing::Test
+  {
+  protected:
+    void SetUp() override
+    {
+      // Opened once for the process, without the default svc.conf and static services.
+      static std::once_flag once;
+      std::call_once(once, [] {
+        ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
+      });
+      const std::string examples = EXAMPLES_DIR, lib = EXAMPLES_LIB_DIR;
+      for (const char* name : {"handlers.json", "filters.json", "restful.json"})
+        dir.write(name, replace_all(read_file(examples + "/conf/" + name), "build/lib/", lib + "/"));
+      std::string conf = replace_all(read_file(examples + "/svc.conf"), "build/lib/", lib + "/");
+      std::string svc = dir.write("svc.conf", replace_all(conf, "examples/conf/", dir.file("")));
+      Log_Capture log;
+      ASSERT_EQ(0, ACE_Service_Config::process_file(svc.c_str())) << log.text();
+      ASSERT_EQ(0u, log.count_priority(LM_ERROR)) << log.text();
+      ASSERT_EQ(9u, log.count("Loaded ")) << log.text();
+    }
+    void TearDown() override
+    {
+      ACE_Service_Config::remove("JSON_RPC_Service");
+      JSON_RESTful_Handler_Creator_Map::close_instance();
+    }
+
+    Temp_Dir dir;
+    // The dispatcher's line for each call stays out of the output.
+    Log_Capture quiet;
+  };
 }
 
 TEST_F(Service_Conf, EachBadRecordOrFileLeavesOneLineAndTheRestIsServed)
@@ -279,48 +317,6 @@ TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
     ASSERT_EQ(0, JSON_RPC_Request_Map::instance()->insert("witness", "", new Stop_Witness(pool_gone), nullptr));
   }
   EXPECT_EQ(1, pool_gone);
-}
-
-// The example handler libraries, booted from examples/svc.conf by ACE's
-// service configurator as a host would (the file's paths, relative to the
-// repository root, are pointed at this build). host_test.sh calls each
-// method through a host; here is what a call alone can't show.
-
-namespace
-{
-  using json_spirit::Array;
-  using json_spirit::Value;
-
-  class Examples : public ::testing::Test
-  {
-  protected:
-    void SetUp() override
-    {
-      // Opened once for the process, without the default svc.conf and static services.
-      static std::once_flag once;
-      std::call_once(once, [] {
-        ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
-      });
-      const std::string examples = EXAMPLES_DIR, lib = EXAMPLES_LIB_DIR;
-      for (const char* name : {"handlers.json", "filters.json", "restful.json"})
-        dir.write(name, replace_all(read_file(examples + "/conf/" + name), "build/lib/", lib + "/"));
-      std::string conf = replace_all(read_file(examples + "/svc.conf"), "build/lib/", lib + "/");
-      std::string svc = dir.write("svc.conf", replace_all(conf, "examples/conf/", dir.file("")));
-      Log_Capture log;
-      ASSERT_EQ(0, ACE_Service_Config::process_file(svc.c_str())) << log.text();
-      ASSERT_EQ(0u, log.count_priority(LM_ERROR)) << log.text();
-      ASSERT_EQ(9u, log.count("Loaded ")) << log.text();
-    }
-    void TearDown() override
-    {
-      ACE_Service_Config::remove("JSON_RPC_Service");
-      JSON_RESTful_Handler_Creator_Map::close_instance();
-    }
-
-    Temp_Dir dir;
-    // The dispatcher's line for each call stays out of the output.
-    Log_Capture quiet;
-  };
 }
 
 TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
