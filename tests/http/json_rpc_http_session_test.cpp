@@ -21,6 +21,17 @@ namespace
     return request;
   }
 
+  // GET path on 127.0.0.1:port with a plain socket; the body, empty on
+  // failure. HTTP/1.0: the body ends with the connection, unchunked.
+  std::string plain_get(unsigned short port, const std::string& path)
+  {
+    Socket_Client client(port, 10000);
+    if (!client.send("GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n") || !client.read_to_eof())
+      return std::string();
+    size_t at = client.in.find("\r\n\r\n");
+    return at == std::string::npos ? std::string() : client.in.substr(at + 4);
+  }
+
   int jayson_requests(unsigned short port)
   {
     return parse_json(plain_get(port, "/__requests")).get_obj().at("requests").get_int();

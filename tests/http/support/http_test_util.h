@@ -142,9 +142,6 @@ private:
   std::unique_ptr<Child> process_;
 };
 
-/// GET path on 127.0.0.1:port with a plain socket; the body, empty on failure.
-std::string plain_get(unsigned short port, const std::string& path);
-
 // A server on a loopback port that answers each request with bytes from a
 // script, for the faults that real servers rarely show. Requests are read
 // whole (Boost.Beast's request parser, chunked bodies included) and kept.
