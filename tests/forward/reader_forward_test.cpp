@@ -169,22 +169,21 @@ namespace
     int refuse_at_;
   };
 
-  // Its record's params: the event at which its filters refuse (0: never),
-  // or "null" for a creator that refuses every call.
+  // Made with the event at which its filters refuse (0: never), or -1 for
+  // a creator that refuses every call.
   class Recording_Creator : public JSON_RPC_Params_Handler_Creator
   {
   public:
-    Recording_Creator(int refuse_at, bool refuse_call) : refuse_at_(refuse_at), refuse_call_(refuse_call) {}
+    explicit Recording_Creator(int refuse_at) : refuse_at_(refuse_at) {}
     YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
       record.channel = JSON_RPC_Channel_Strong_Ptr(channel).get();
       EXPECT_NE(nullptr, object.get());
-      return refuse_call_ ? nullptr : new Recording_Filter(refuse_at_);
+      return refuse_at_ < 0 ? nullptr : new Recording_Filter(refuse_at_);
     }
 
   private:
     int refuse_at_;
-    bool refuse_call_;
   };
 
   class Filters : public ::testing::Environment
@@ -193,9 +192,9 @@ namespace
     void SetUp() override
     {
       JSON_RPC_Params_Handler_Map* map = JSON_RPC_Params_Handler_Map::instance();
-      map->insert("filtered", "", new Recording_Creator(0, false), nullptr);
-      map->insert("refused.at.3", "", new Recording_Creator(3, false), nullptr);
-      map->insert("refused", "", new Recording_Creator(0, true), nullptr);
+      map->insert("filtered", "", new Recording_Creator(0), nullptr);
+      map->insert("refused.at.3", "", new Recording_Creator(3), nullptr);
+      map->insert("refused", "", new Recording_Creator(-1), nullptr);
     }
     void TearDown() override { JSON_RPC_Params_Handler_Map::close_instance(); }
   };

@@ -49,9 +49,8 @@ namespace
     {
       channel_ = make_channel(3, "peer", 5555);
       handler_ = new Recording_Handler(7);
-      quiet_ = new Recording_Handler(-1, true);
       JSON_RPC_Request_Map::instance()->insert("m", "", handler_, nullptr);
-      JSON_RPC_Request_Map::instance()->insert("quiet", "", quiet_, nullptr);
+      JSON_RPC_Request_Map::instance()->insert("quiet", "", new Recording_Handler(-1, true), nullptr);
     }
     void TearDown() override
     {
@@ -68,7 +67,6 @@ namespace
 
     JSON_RPC_Channel_Strong_Ptr channel_;
     Recording_Handler* handler_;
-    Recording_Handler* quiet_;
   };
 
   // Answers every request sent to the channel, on the sending thread, before
