@@ -9,16 +9,8 @@
 using json_spirit::Object;
 using json_spirit::Value;
 
-namespace
+TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
 {
-  // How many requests reached json-server's REST routes, and the last head.
-  Value server_log(JSON_RESTful_Client& client)
-  {
-    Value log;
-    EXPECT_TRUE(client.get("/__requests", &log));
-    return log;
-  }
-
   class Items : public JSON_Generator
   {
   public:
@@ -30,13 +22,15 @@ namespace
     }
     int runs = 0;
   };
-}
-
-TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
-{
   Node_Peer rest("rest_server.js");
   JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
   ASSERT_TRUE(static_cast<bool>(client));
+  // How many requests reached json-server's REST routes, and the last head.
+  auto server_log = [&client] {
+    Value seen;
+    EXPECT_TRUE(client.get("/__requests", &seen));
+    return seen;
+  };
   Log_Capture log;
 
   Value items;
@@ -72,7 +66,7 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
                            id + "', status=404\n"));
 
   // One request each: nothing was repeated, the 404 neither.
-  EXPECT_EQ(6, server_log(client).get_obj().at("requests").get_int());
+  EXPECT_EQ(6, server_log().get_obj().at("requests").get_int());
   client.logging_error(false);
   log.clear();
   EXPECT_FALSE(client.del(("/items/" + id).c_str()));
@@ -81,19 +75,19 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
   // The body goes out chunked as it is made, or buffered with its length.
   Value out;
   ASSERT_TRUE(client.post("/items", &body, &out));
-  Object last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  Object last = server_log().get_obj().at("last").get_obj().at("headers").get_obj();
   EXPECT_EQ("chunked", last.at("transfer-encoding").get_str());
   EXPECT_EQ(0u, last.count("content-length"));
   client.streaming(false);
   ASSERT_TRUE(client.post("/items", &changed, &out));
-  last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  last = server_log().get_obj().at("last").get_obj().at("headers").get_obj();
   EXPECT_EQ("18", last.at("content-length").get_str());
   EXPECT_EQ("application/json", last.at("content-type").get_str());
   EXPECT_EQ(0u, last.count("transfer-encoding"));
   // GET never says chunked.
   client.streaming(true);
   ASSERT_TRUE(client.get("/items/1", &out));
-  EXPECT_EQ(0u, server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
+  EXPECT_EQ(0u, server_log().get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
 
   // A form, encoded as express decodes it.
   HTTP_Session_Ptr session = local_session(rest.port());
@@ -112,7 +106,7 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
   read_all(*connection, 4096);
   EXPECT_EQ(1u, session->cookie_count());
   ASSERT_TRUE(JSON_RESTful_Client(session, true).get("/items", &out));
-  EXPECT_EQ("sid=abc123", server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
+  EXPECT_EQ("sid=abc123", server_log().get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
 }
 
 TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)

@@ -134,7 +134,7 @@ TEST(Message_Limits, AMillionLevelsOfParamsAreRefusedWithALogLine)
   EXPECT_EQ("type=2 version=2.0 id=1 method=m params=[1]", describe(next.object));
 }
 
-namespace
+TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
 {
   const char* const corpus[] = {
     "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"sum\",\"params\":[1,2,3]}",
@@ -155,17 +155,12 @@ namespace
     "{\"method\":\"m\",\"id\":null,\"params\":\"late null id\"}",
     "{\"id\":7,\"error\":{\"message\":\"default code\"}}",
   };
-
-  void expect_same(const std::string& text, const Read_Outcome& whole, const Read_Outcome& other, const char* how)
-  {
+  auto expect_same = [](const std::string& text, const Read_Outcome& whole, const Read_Outcome& other,
+                        const std::string& how) {
     ASSERT_TRUE(other.ok) << how << ": " << text;
     EXPECT_EQ(describe(whole.object), describe(other.object)) << how << ": " << text;
     EXPECT_EQ(write_object(*whole.object), write_object(*other.object)) << how << ": " << text;
-  }
-}
-
-TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
-{
+  };
   JSON_RPC_Reader reader;
   for (const std::string text : corpus)
   {
@@ -179,7 +174,7 @@ TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
       r.ok = r.ok && reader.read(text.data(), cut) && reader.read(text.data() + cut, text.size() - cut) &&
              reader.read(nullptr, 0);
       r.object = reader.object();
-      expect_same(text, whole, r, ("cut at " + std::to_string(cut)).c_str());
+      expect_same(text, whole, r, "cut at " + std::to_string(cut));
     }
     expect_same(text, whole, read_message(reader, text, 1), "byte by byte");
   }

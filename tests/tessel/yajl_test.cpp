@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-namespace
+TEST(JSON_Generator, WritesThroughYAJL_GenAndClosesTheGuardedMapOnEveryPath)
 {
   struct Pair_Generator : JSON_Generator
   {
@@ -19,10 +19,6 @@ namespace
       return !fail;
     }
   };
-}
-
-TEST(JSON_Generator, WritesThroughYAJL_GenAndClosesTheGuardedMapOnEveryPath)
-{
   for (bool fail : {false, true})
   {
     std::string out;
