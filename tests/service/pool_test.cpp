@@ -3,6 +3,7 @@
 // replaced, and when a peer goes away while its call waits or runs.
 #include "fake_channel.h"
 #include "log_capture.h"
+#include "test_util.h"
 
 #include "json_rpc/json_rpc_thread_handler.h"
 #include "json_rpc/json_rpc_thread_pool_handler_impl.h"
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -26,31 +26,13 @@
 
 namespace
 {
-  /// Counts events; a waiter wakes when the count reaches its number.
-  class Counter
+  /// Counts events; a waiter polls (bounded) until the count reaches its number.
+  struct Counter
   {
-  public:
-    void add()
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++value_;
-      changed_.notify_all();
-    }
-    int value() const
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      return value_;
-    }
-    bool wait_for(int n, int seconds = 20) const
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return value_ >= n; });
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    int value_ = 0;
+    void add() { ++count; }
+    int value() const { return count; }
+    bool wait_for(int n) const { return eventually([&] { return count >= n; }); }
+    std::atomic<int> count{0};
   };
 
   /// Holds the threads that wait on it (wait_for(1)) until it is opened (add()).
