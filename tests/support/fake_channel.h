@@ -1,6 +1,8 @@
 #ifndef TESTS_SUPPORT_FAKE_CHANNEL_H
 #define TESTS_SUPPORT_FAKE_CHANNEL_H
 
+#include "test_util.h"
+
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_generator.h"
@@ -9,8 +11,6 @@
 #include <ace/INET_Addr.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -43,7 +43,6 @@ public:
       sent_.push_back(object);
       hook = on_send_;
     }
-    changed_.notify_all();
     if (hook)
       hook(object);
     return 0;
@@ -96,7 +95,11 @@ public:
     return generated_;
   }
 
-  size_t count() const { return sent().size(); }
+  size_t count() const
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sent_.size();
+  }
 
   /// The methods of what was sent ("" for responses).
   std::vector<std::string> methods() const
@@ -117,17 +120,12 @@ public:
     return out;
   }
 
-  /// Waits (bounded) until at least n objects were sent.
-  bool wait_for(size_t n, int seconds = 20) const
-  {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return sent_.size() >= n; });
-  }
+  /// Polls (bounded) until at least n objects were sent.
+  bool wait_for(size_t n, int seconds = 20) const { return eventually([&] { return count() >= n; }, seconds); }
 
 private:
   ACE_INET_Addr addr_;
   mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
   bool fail_ = false;
   std::vector<JSON_RPC_Object_Ptr> sent_;
   std::vector<std::string> generated_;
