@@ -301,10 +301,8 @@ TEST_F(Proxy_Processes, AParamsFilterSumsA100MBArrayThatTheHostNeverHolds)
   std::string chunk;
   for (unsigned long long k = 0; sent < total; ++k)
   {
-    if (k)
-      chunk += ',';
     long long v = static_cast<long long>(k % 1000003) - 500000;
-    chunk += std::to_string(v);
+    chunk += (k ? "," : "") + std::to_string(v);
     sum += v;
     if (chunk.size() >= 65536)
     {

@@ -6,15 +6,9 @@
 const jayson = require('jayson');
 
 const methods = {
-  echo(args, callback) {
-    callback(null, args);
-  },
-  add(args, callback) {
-    callback(null, args[0] + args[1]);
-  },
-  fail(args, callback) {
-    callback({ code: -32000, message: 'refused', data: { args } });
-  },
+  echo: (args, callback) => callback(null, args),
+  add: (args, callback) => callback(null, args[0] + args[1]),
+  fail: (args, callback) => callback({ code: -32000, message: 'refused', data: { args } }),
   // An array of count strings of size characters: a large response.
   big(args, callback) {
     const item = 'x'.repeat(args.size);
