@@ -35,9 +35,8 @@ TEST_F(Registers, ChannelMapFindsByTypeAndIdAndPrefersTheLowestType)
 {
   auto a = make_channel(2, "peer"), b = make_channel(1, "peer"), c = make_channel(2, "other");
   auto* map = JSON_RPC_Channel_Map::instance();
-  ASSERT_EQ(0, map->insert(a));
-  ASSERT_EQ(0, map->insert(b));
-  ASSERT_EQ(0, map->insert(c));
+  for (const auto& channel : {a, b, c})
+    ASSERT_EQ(0, map->insert(channel));
   EXPECT_EQ(b.get(), JSON_RPC_Channel_Strong_Ptr(map->find("peer")).get());
   EXPECT_EQ(a.get(), JSON_RPC_Channel_Strong_Ptr(map->find(2, "peer")).get());
   EXPECT_TRUE(JSON_RPC_Channel_Strong_Ptr(map->find(3, "peer")).null());
@@ -94,9 +93,8 @@ TEST_F(Registers, ChannelMapNotifySendsToLivingChannelsAndOnlyToStringIds)
   auto* map = JSON_RPC_Channel_Map::instance();
   EXPECT_EQ(0, map->notify(notification("x")));
   auto a = make_channel(3, "a"), b = make_channel(3, "b"), c = make_channel(4, "c");
-  map->insert(a);
-  map->insert(b);
-  map->insert(c);
+  for (const auto& channel : {a, b, c})
+    map->insert(channel);
   fake(a).fail(true);
   EXPECT_EQ(0, map->notify(notification("all")));
   EXPECT_EQ(1u, fake(b).count());
