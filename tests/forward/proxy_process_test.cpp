@@ -23,9 +23,8 @@ using json_spirit::Value;
 namespace
 {
   // The library's tables for the callers that use its client.
-  class Library : public ::testing::Environment
+  struct Library : ::testing::Environment
   {
-  public:
     void SetUp() override { service.init(0, nullptr); }
     void TearDown() override { service.fini(); }
     JSON_RPC_Service service;

@@ -186,9 +186,8 @@ namespace
     int refuse_at_;
   };
 
-  class Filters : public ::testing::Environment
+  struct Filters : ::testing::Environment
   {
-  public:
     void SetUp() override
     {
       JSON_RPC_Params_Handler_Map* map = JSON_RPC_Params_Handler_Map::instance();

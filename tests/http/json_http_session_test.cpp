@@ -11,9 +11,8 @@ using json_spirit::Value;
 
 TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
 {
-  class Items : public JSON_Generator
+  struct Items : JSON_Generator
   {
-  public:
     bool generate_i(YAJL_Gen& gen) override
     {
       ++runs;
@@ -193,9 +192,8 @@ TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)
 
 TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
 {
-  class Filling_Client : public JSON_RESTful_Client
+  struct Filling_Client : JSON_RESTful_Client
   {
-  public:
     using JSON_RESTful_Client::JSON_RESTful_Client;
     bool fill_request(HTTP_Request& request) const override
     {

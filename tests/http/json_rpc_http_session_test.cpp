@@ -249,9 +249,8 @@ TEST(JSON_RPC_HTTP_Session, MessagePathTriesOnceTheRawPathRepeats)
 TEST(Streaming, A64MBRequestIsGeneratedOntoTheConnection)
 {
   // A JSON-RPC request whose params are item_count strings, made while sent.
-  class Big_Request : public JSON_Generator
+  struct Big_Request : JSON_Generator
   {
-  public:
     bool generate_i(YAJL_Gen& gen) override
     {
       std::string item(item_size, 'g');

@@ -59,9 +59,8 @@ namespace
   }
 
   // A pool method that notes each call, and holds it at a gate if it has one.
-  class Probe_Pool : public JSON_RPC_Thread_Pool_Handler_Impl
+  struct Probe_Pool : JSON_RPC_Thread_Pool_Handler_Impl
   {
-  public:
     int handle_request(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override
     {
       {
@@ -132,9 +131,8 @@ namespace
     Gate gate;
   };
 
-  class Probe_Thread : public JSON_RPC_Thread_Handler
+  struct Probe_Thread : JSON_RPC_Thread_Handler
   {
-  public:
     int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
       name = thread_name(); // read once `started` has counted it

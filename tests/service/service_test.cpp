@@ -355,9 +355,8 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
 
 TEST_F(Examples, RestCreatorMakesHandlersThatGreet)
 {
-  class Fake_REST_Channel : public JSON_RESTful_Channel
+  struct Fake_REST_Channel : JSON_RESTful_Channel
   {
-  public:
     ssize_t write(char const* data, size_t length) override
     {
       body.append(data, length);

@@ -60,9 +60,8 @@ namespace
     std::string tag_;
   };
 
-  class Rest_Creator : public Object_Creator_T<JSON_RESTful_Handler>
+  struct Rest_Creator : Object_Creator_T<JSON_RESTful_Handler>
   {
-  public:
     ~Rest_Creator() override { ++test_state().deleted; }
     int init(int count, char** args) override
     {
