@@ -171,9 +171,8 @@ namespace
 
   // Made with the event at which its filters refuse (0: never), or -1 for
   // a creator that refuses every call.
-  class Recording_Creator : public JSON_RPC_Params_Handler_Creator
+  struct Recording_Creator : JSON_RPC_Params_Handler_Creator
   {
-  public:
     explicit Recording_Creator(int refuse_at) : refuse_at_(refuse_at) {}
     YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
@@ -182,7 +181,6 @@ namespace
       return refuse_at_ < 0 ? nullptr : new Recording_Filter(refuse_at_);
     }
 
-  private:
     int refuse_at_;
   };
 

@@ -13,17 +13,14 @@ using json_spirit::Value;
 
 TEST(Value, KindsAndTheNumbersCallersTest)
 {
-  EXPECT_EQ(2, Value("s").type());
-  EXPECT_EQ(2, Value(std::string("s")).type());
-  EXPECT_EQ(5, Value(7).type());
-  EXPECT_EQ(5, Value(7LL).type());
-  EXPECT_EQ(5, Value(7u).type());
-  EXPECT_EQ(6, Value(1.5).type());
-  EXPECT_EQ(7, Value().type());
+  // What each constructor makes, as the numbers callers compare with.
+  const std::pair<Value, int> kinds[] = {
+    {Value("s"), 2}, {Value(std::string("s")), 2}, {Value(7), 5}, {Value(7LL), 5}, {Value(7u), 5}, {Value(1.5), 6},
+    {Value(), 7},    {Value(false), json_spirit::bool_type}, {Value(Object()), json_spirit::obj_type},
+    {Value(Array()), json_spirit::array_type}};
+  for (const auto& k : kinds)
+    EXPECT_EQ(k.second, k.first.type()) << json_spirit::write_string(k.first);
   EXPECT_TRUE(Value::null.is_null());
-  EXPECT_EQ(json_spirit::bool_type, Value(false).type());
-  EXPECT_EQ(json_spirit::obj_type, Value(Object()).type());
-  EXPECT_EQ(json_spirit::array_type, Value(Array()).type());
 
   // The wrong getter gives the kind's zero value.
   EXPECT_EQ("", Value(5).get_str());

@@ -41,13 +41,11 @@ namespace
   JSON_RPC_Object_Ptr request(int id) { return make_message("probe", id, id); }
 
   // A channel that reports, as it dies, how many messages it was sent.
-  class Watched_Channel : public Fake_Channel
+  struct Watched_Channel : Fake_Channel
   {
-  public:
     explicit Watched_Channel(std::function<void(size_t)> gone) : gone_(std::move(gone)) {}
     ~Watched_Channel() override { gone_(count()); }
 
-  private:
     std::function<void(size_t)> gone_;
   };
 

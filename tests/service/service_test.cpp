@@ -300,14 +300,12 @@ TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)
 TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
 {
   // Notes, as it is destroyed, whether the pool was still there.
-  class Stop_Witness : public JSON_RPC_Handler
+  struct Stop_Witness : JSON_RPC_Handler
   {
-  public:
     explicit Stop_Witness(int& pool_gone) : pool_gone_(pool_gone) {}
     ~Stop_Witness() override { pool_gone_ = JSON_RPC_Thread_Pool_Handler::thread_pool_ ? 0 : 1; }
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return 0; }
 
-  private:
     int& pool_gone_;
   };
   int pool_gone = -1;

@@ -30,9 +30,8 @@ namespace
   }
 
   // Answers every request with its tag.
-  class Tagged : public JSON_RPC_Handler
+  struct Tagged : JSON_RPC_Handler
   {
-  public:
     ~Tagged() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
@@ -45,18 +44,15 @@ namespace
       return peer->send_object(JSON_RPC_Object_Ptr(response));
     }
 
-  private:
     std::string tag_;
   };
 
-  class Tagged_Creator : public JSON_RPC_Params_Handler_Creator
+  struct Tagged_Creator : JSON_RPC_Params_Handler_Creator
   {
-  public:
     ~Tagged_Creator() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return nullptr; }
 
-  private:
     std::string tag_;
   };
 

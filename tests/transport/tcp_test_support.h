@@ -28,9 +28,8 @@ namespace tcp_test
   typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Handler_Function;
 
   /// Runs a function for each message of its method whose peer is there.
-  class Function_Handler : public JSON_RPC_Handler
+  struct Function_Handler : JSON_RPC_Handler
   {
-  public:
     explicit Function_Handler(Handler_Function f) : f_(std::move(f)) {}
     int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
@@ -38,7 +37,6 @@ namespace tcp_test
       return peer.null() ? -1 : f_(peer, as_request(object));
     }
 
-  private:
     Handler_Function f_;
   };
 
