@@ -1,3 +1,4 @@
+#include "fake_channel.h"
 #include "http_test_util.h"
 #include "log_capture.h"
 
@@ -54,16 +55,12 @@ TEST(JSON_RPC_HTTP_Session, MessageAndRawBodyPathsAgainstJayson)
   JSON_RPC_HTTP_Session rpc(local_session(jayson.port()), "/", 3, 10);
   JSON_RPC_Object_Ptr response = rpc.request(make_request("echo", "{\"a\":[1,2.5,\"x\"]}"));
   ASSERT_TRUE(response.get());
-  ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE, response->type);
-  EXPECT_EQ("{\"a\":[1,2.5,\"x\"]}", dump_json(static_cast<JSON_RPC_Response*>(response.get())->result));
+  EXPECT_EQ("{\"a\":[1,2.5,\"x\"]}", answer_text(*response));
 
   response = rpc.request(make_request("fail", "[7]"));
   ASSERT_TRUE(response.get());
-  ASSERT_EQ(JSON_RPC_Object::TYPE_RESPONSE_ERROR, response->type);
-  JSON_RPC_Response_Error* error = static_cast<JSON_RPC_Response_Error*>(response.get());
-  EXPECT_EQ(-32000, error->code);
-  EXPECT_EQ("refused", error->message);
-  EXPECT_EQ("{\"args\":[7]}", dump_json(error->data));
+  ASSERT_EQ("error -32000 {\"args\":[7]}", answer_text(*response));
+  EXPECT_EQ("refused", static_cast<JSON_RPC_Response_Error&>(*response).message);
 
   // jayson answers a notification with 204, which is not 200.
   JSON_RPC_Object_Ptr note = make_request("echo", "[]");
@@ -167,13 +164,12 @@ TEST(JSON_RPC_HTTP_Session, BodiesCarryTheirMembersAndOneIdPerCall)
 TEST(JSON_RPC_HTTP_Session, StatusAndFailuresOfEachReadingForm)
 {
   const std::string error_body = "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32603,\"message\":\"m\"}}";
-  Reply charset = Reply::json(200, envelope("true"), "application/json; charset=utf-8");
-  Scripted_Server server({Reply::json(500, error_body), Reply::json(500, error_body), Reply::json(500, error_body),
-                          charset, charset, Reply::json(200, envelope("1"), "text/plain"),
-                          Reply::json(200, envelope("1"), nullptr), Reply::json(200, "{}"), Reply::json(200, "{}"),
-                          Reply::json(200, "{\"id\":1,\"res"), Reply::json(200, "{\"id\":1,\"res"),
-                          Reply::json(200, "{\"id\":1 x" + std::string(9000, ' ') + "}"),
-                          Reply::json(200, "{\"id\":1 x" + std::string(9000, ' ') + "}")});
+  const Reply error = Reply::json(500, error_body), empty = Reply::json(200, "{}"),
+              charset = Reply::json(200, envelope("true"), "application/json; charset=utf-8"),
+              cut = Reply::json(200, "{\"id\":1,\"res"),
+              bad = Reply::json(200, "{\"id\":1 x" + std::string(9000, ' ') + "}");
+  Scripted_Server server({error, error, error, charset, charset, Reply::json(200, envelope("1"), "text/plain"),
+                          Reply::json(200, envelope("1"), nullptr), empty, empty, cut, cut, bad, bad});
   JSON_RPC_HTTP_Session rpc(local_session(server.port()), "/rpc", 3, 10);
   Log_Capture log;
   Value result = parse_json("[0]");

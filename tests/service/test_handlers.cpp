@@ -20,7 +20,7 @@ namespace
   int init_tagged(std::string& tag, int argc, char** argv)
   {
     tag = tag_of(argc, argv);
-    test_state().record_init(tag, argc, argv);
+    test_state().record_init(argc, argv);
     if (tag == "fail")
     {
       errno = EINVAL;
