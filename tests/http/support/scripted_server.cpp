@@ -70,8 +70,6 @@ Reply Reply::cut(const Reply& whole, size_t n)
 
 Scripted_Server::Scripted_Server(std::vector<Reply> replies) : replies_(std::move(replies))
 {
-  if (replies_.empty())
-    replies_.push_back(Reply::json(200, "{}"));
   listener_ = loopback_listener(port_);
   if (listener_ < 0)
     throw std::runtime_error("scripted server: no listening socket");
