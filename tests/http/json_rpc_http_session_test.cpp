@@ -63,9 +63,7 @@ TEST(JSON_RPC_HTTP_Session, MessageAndRawBodyPathsAgainstJayson)
   EXPECT_EQ("refused", static_cast<JSON_RPC_Response_Error&>(*response).message);
 
   // jayson answers a notification with 204, which is not 200.
-  JSON_RPC_Object_Ptr note = make_request("echo", "[]");
-  note->type = JSON_RPC_Object::TYPE_NOTIFICATION;
-  EXPECT_FALSE(rpc.notify(note));
+  EXPECT_FALSE(rpc.notify(make_message("echo", json_spirit::Array())));
   EXPECT_EQ(3, jayson_requests(jayson.port()));
   Value last = parse_json(plain_get(jayson.port(), "/__requests")).get_obj().at("last");
   EXPECT_EQ("Keep-Alive", last.get_obj().at("headers").get_obj().at("connection").get_str());
