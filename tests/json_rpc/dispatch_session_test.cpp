@@ -42,11 +42,14 @@ namespace
     std::vector<JSON_RPC_Object_Ptr> seen;
   };
 
+  // No call waits for the environment's limit, nor sleeps between repeats.
   class Dispatch : public ::testing::Test
   {
   protected:
     void SetUp() override
     {
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
+      retry_sleeper([](unsigned int) {});
       channel_ = make_channel(3, "peer", 5555);
       handler_ = new Recording_Handler(7);
       JSON_RPC_Request_Map::instance()->insert("m", "", handler_, nullptr);
@@ -54,6 +57,8 @@ namespace
     }
     void TearDown() override
     {
+      retry_sleeper(nullptr);
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
       Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
       JSON_RPC_Request_Map::close_instance();
       JSON_RPC_Response_Map::close_instance();
@@ -74,11 +79,9 @@ namespace
   void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
   {
     channel.on_send([make](JSON_RPC_Object_Ptr sent) {
-      if (JSON_RPC_Object* answer = make(*sent))
-      {
-        answer->id = sent->id;
-        JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
-      }
+      JSON_RPC_Object_Ptr answer(make(*sent));
+      answer->id = sent->id;
+      JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), answer);
     });
   }
 
@@ -89,21 +92,8 @@ namespace
     return r;
   }
 
-  class Session : public Dispatch
+  struct Session : Dispatch
   {
-  protected:
-    void SetUp() override
-    {
-      Dispatch::SetUp();
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      retry_sleeper([](unsigned int) {});
-    }
-    void TearDown() override
-    {
-      retry_sleeper(nullptr);
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      Dispatch::TearDown();
-    }
   };
 }
 
