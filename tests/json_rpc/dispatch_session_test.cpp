@@ -59,11 +59,7 @@ namespace
     {
       retry_sleeper(nullptr);
       unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
-      JSON_RPC_Request_Map::close_instance();
-      JSON_RPC_Response_Map::close_instance();
-      JSON_RPC_Notify_Manager::close_instance();
-      JSON_RPC_Channel_Map::close_instance();
+      close_singletons();
     }
     int dispatch(JSON_RPC_Object_Ptr object)
     {

@@ -20,14 +20,7 @@ namespace
   class Registers : public ::testing::Test
   {
   protected:
-    void TearDown() override
-    {
-      Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
-      JSON_RPC_Notify_Manager::close_instance();
-      JSON_RPC_Channel_Map::close_instance();
-      JSON_RPC_Channel_Pool::close_instance();
-      JSON_RPC_Response_Map::close_instance();
-    }
+    void TearDown() override { close_singletons(); }
   };
 }
 

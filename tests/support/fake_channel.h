@@ -4,8 +4,11 @@
 #include "test_util.h"
 
 #include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_generator.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_spirit/json_spirit_writer.h"
 
 #include <ace/INET_Addr.h>
@@ -144,6 +147,19 @@ inline JSON_RPC_Channel_Weak_Ptr gone_channel()
 {
   JSON_RPC_Channel_Strong_Ptr c = make_channel();
   return JSON_RPC_Channel_Weak_Ptr(c);
+}
+
+/// Lets the global channel go and closes the registers and the dispatcher:
+/// at the end of a test, or once every transport thread has ended.
+inline void close_singletons()
+{
+  Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
+  JSON_RPC_Channel_Pool::close_instance();
+  JSON_RPC_Notify_Manager::close_instance();
+  JSON_RPC_Channel_Map::close_instance();
+  JSON_RPC_Response_Map::close_instance();
+  JSON_RPC_Request_Map::close_instance();
+  JSON_RPC_Dispatcher::close_instance();
 }
 
 /// A request with the given id or, with no id, a notification.

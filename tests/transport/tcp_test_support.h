@@ -54,7 +54,7 @@ namespace tcp_test
   }
 
   /// The singletons the transport threads use: made before any of them
-  /// starts, closed after they have all ended.
+  /// starts, closed (close_singletons()) after they have all ended.
   inline void open_singletons()
   {
     JSON_RPC_Dispatcher::instance();
@@ -62,15 +62,6 @@ namespace tcp_test
     JSON_RPC_Notify_Manager::instance();
     JSON_RPC_Channel_Map::instance();
     JSON_RPC_Channel_Pool::instance();
-  }
-  inline void close_singletons()
-  {
-    JSON_RPC_Channel_Pool::close_instance();
-    JSON_RPC_Notify_Manager::close_instance();
-    JSON_RPC_Channel_Map::close_instance();
-    JSON_RPC_Response_Map::close_instance();
-    JSON_RPC_Request_Map::close_instance();
-    JSON_RPC_Dispatcher::close_instance();
   }
 
   /// The echo of params over the channel, or "no answer".
