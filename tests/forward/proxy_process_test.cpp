@@ -33,13 +33,6 @@ namespace
 
   bool exited_cleanly(int status) { return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
-  Value parse(const std::string& line)
-  {
-    Value v;
-    EXPECT_TRUE(json_spirit::read_string(line, v)) << line.substr(0, 200);
-    return v;
-  }
-
   const Value& member(const Value& v, const char* name)
   {
     static const Value none;
@@ -153,7 +146,8 @@ TEST_F(Proxy_Processes, ConcurrentCallersEachGetTheirOwnAnswersUnderTheirOwnIds)
           EXPECT_GE(check->bytes, 1024u * 1024u);
           continue;
         }
-        Value answer = parse(text);
+        Value answer;
+        EXPECT_TRUE(json_spirit::read_string(text, answer)) << text.substr(0, 200);
         EXPECT_EQ(Value(id), member(answer, "id"));
         if (kind(id) == 'e')
           EXPECT_EQ(Value(json_spirit::Array{t, id, std::string(100 * id, 'a' + t)}), member(answer, "result"));
