@@ -361,10 +361,4 @@ inline unsigned short free_port()
   return port;
 }
 
-/// True once something accepts on 127.0.0.1:port, within the time given.
-inline bool wait_listening(unsigned short port, int seconds)
-{
-  return eventually([port] { return Socket_Client(port).connected(); }, seconds);
-}
-
 #endif

@@ -57,7 +57,7 @@ Nginx_Peer::Nginx_Peer(unsigned short proxy_port, int keepalive_timeout) : port_
     conf << "  }\n}\n";
     conf.close();
     process_.reset(new Child({"nginx", "-p", dir_.path(), "-e", dir_.file("error.log"), "-c", dir_.file("nginx.conf")}));
-    if (wait_listening(port, 10))
+    if (eventually([port] { return Socket_Client(port).connected(); }, 10))
       port_ = port;
   }
   if (!port_)
