@@ -6,7 +6,6 @@
 #include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
-#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
 #include "json_rpc/json_rpc_utils.h"
 #include "tessel/retry.h"

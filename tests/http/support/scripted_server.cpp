@@ -157,19 +157,14 @@ void Scripted_Server::serve(int fd, int number)
       break;
     if (parser.is_done() || reply->drop_after >= 0)
     {
-      Scripted_Request r;
-      const auto& message = parser.get();
-      r.method = std::string(message.method_string());
-      r.target = std::string(message.target());
-      for (const auto& field : message)
+      const auto& in = parser.get();
+      Scripted_Request r{std::string(in.method_string()), std::string(in.target()), {}, in.body(), number};
+      for (const auto& field : in)
       {
-        std::string name = boost::algorithm::to_lower_copy(std::string(field.name_string()));
-        auto added = r.headers.emplace(name, std::string(field.value()));
-        if (!added.second)
-          added.first->second += ", " + std::string(field.value());
+        // Repeated fields are joined, as a list.
+        std::string& value = r.headers[boost::algorithm::to_lower_copy(std::string(field.name_string()))];
+        value += (value.empty() ? "" : ", ") + std::string(field.value());
       }
-      r.body = message.body();
-      r.connection = number;
       std::lock_guard<std::mutex> guard(mutex_);
       requests_.push_back(std::move(r));
     }
