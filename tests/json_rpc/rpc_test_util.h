@@ -20,11 +20,8 @@ struct Read_Outcome
 /// finishes the message.
 inline Read_Outcome read_message(JSON_RPC_Reader& reader, const std::string& text, size_t piece = 0)
 {
-  Read_Outcome out{reader.open(), JSON_RPC_Object_Ptr(), 0};
-  out.ok = out.ok && read_in_pieces(reader, text, piece);
-  out.object = reader.object();
-  out.err = reader.err;
-  return out;
+  bool ok = reader.open() && read_in_pieces(reader, text, piece);
+  return Read_Outcome{ok, reader.object(), reader.err};
 }
 
 inline Read_Outcome read_message(const std::string& text, size_t piece = 0)
