@@ -35,23 +35,20 @@ namespace
     json_spirit::Value params;
   };
 
+  // The document read alone, and as a request's params whole and byte by byte.
   Outcome run(const std::string& doc)
   {
-    Outcome o{false, json_spirit::Value(), false, json_spirit::Value()};
+    Outcome o{};
     o.json = json_spirit::read_string(doc, o.value);
-    for (size_t piece : {size_t(0), size_t(1)})
-    {
-      Read_Outcome r = read_message("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + doc + "}", piece);
-      bool ok = r.ok && !r.object.null() && r.object->type == JSON_RPC_Object::TYPE_REQUEST;
-      if (piece == 0)
-      {
-        o.rpc = ok;
-        if (ok)
-          o.params = static_cast<JSON_RPC_Request&>(*r.object).params;
-      }
-      else
-        EXPECT_EQ(o.rpc, ok) << "byte by byte differs";
-    }
+    const std::string message = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + doc + "}";
+    Read_Outcome whole = read_message(message), bytes = read_message(message, 1);
+    auto request = [](const Read_Outcome& r) {
+      return r.ok && !r.object.null() && r.object->type == JSON_RPC_Object::TYPE_REQUEST;
+    };
+    o.rpc = request(whole);
+    EXPECT_EQ(o.rpc, request(bytes)) << "byte by byte differs";
+    if (o.rpc)
+      o.params = static_cast<JSON_RPC_Request&>(*whole.object).params;
     return o;
   }
 }
