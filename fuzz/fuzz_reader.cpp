@@ -14,6 +14,7 @@
 
 #include <ace/Log_Msg.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -35,9 +36,7 @@ namespace
       size_t i = 0;
       for (size_t off = 0; off < length;)
       {
-        size_t n = count ? size_t(sizes[i++ % count]) + 1 : length;
-        if (n > length - off)
-          n = length - off;
+        size_t n = std::min(count ? size_t(sizes[i++ % count]) + 1 : length, length - off);
         if (!feed(text + off, n))
           return false;
         off += n;
@@ -56,8 +55,7 @@ namespace
   {
     std::string text;
     YAJL_String_Printer printer(&text);
-    JSON_RPC_Writer writer;
-    if (!writer.write(object, printer))
+    if (!JSON_RPC_Writer().write(object, printer))
       broken("writer refused an assembled object", text);
     return text;
   }

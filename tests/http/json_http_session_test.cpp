@@ -9,19 +9,10 @@
 using json_spirit::Object;
 using json_spirit::Value;
 
-namespace
+TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
 {
-  // How many requests reached json-server's REST routes, and the last head.
-  Value server_log(JSON_RESTful_Client& client)
+  struct Items : JSON_Generator
   {
-    Value log;
-    EXPECT_TRUE(client.get("/__requests", &log));
-    return log;
-  }
-
-  class Items : public JSON_Generator
-  {
-  public:
     bool generate_i(YAJL_Gen& gen) override
     {
       ++runs;
@@ -30,13 +21,15 @@ namespace
     }
     int runs = 0;
   };
-}
-
-TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
-{
   Node_Peer rest("rest_server.js");
   JSON_RESTful_Client client("127.0.0.1", rest.port(), false, true);
   ASSERT_TRUE(static_cast<bool>(client));
+  // How many requests reached json-server's REST routes, and the last head.
+  auto server_log = [&client] {
+    Value seen;
+    EXPECT_TRUE(client.get("/__requests", &seen));
+    return seen;
+  };
   Log_Capture log;
 
   Value items;
@@ -72,7 +65,7 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
                            id + "', status=404\n"));
 
   // One request each: nothing was repeated, the 404 neither.
-  EXPECT_EQ(6, server_log(client).get_obj().at("requests").get_int());
+  EXPECT_EQ(6, server_log().get_obj().at("requests").get_int());
   client.logging_error(false);
   log.clear();
   EXPECT_FALSE(client.del(("/items/" + id).c_str()));
@@ -81,19 +74,19 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
   // The body goes out chunked as it is made, or buffered with its length.
   Value out;
   ASSERT_TRUE(client.post("/items", &body, &out));
-  Object last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  Object last = server_log().get_obj().at("last").get_obj().at("headers").get_obj();
   EXPECT_EQ("chunked", last.at("transfer-encoding").get_str());
   EXPECT_EQ(0u, last.count("content-length"));
   client.streaming(false);
   ASSERT_TRUE(client.post("/items", &changed, &out));
-  last = server_log(client).get_obj().at("last").get_obj().at("headers").get_obj();
+  last = server_log().get_obj().at("last").get_obj().at("headers").get_obj();
   EXPECT_EQ("18", last.at("content-length").get_str());
   EXPECT_EQ("application/json", last.at("content-type").get_str());
   EXPECT_EQ(0u, last.count("transfer-encoding"));
   // GET never says chunked.
   client.streaming(true);
   ASSERT_TRUE(client.get("/items/1", &out));
-  EXPECT_EQ(0u, server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
+  EXPECT_EQ(0u, server_log().get_obj().at("last").get_obj().at("headers").get_obj().count("transfer-encoding"));
 
   // A form, encoded as express decodes it.
   HTTP_Session_Ptr session = local_session(rest.port());
@@ -112,7 +105,7 @@ TEST(JSON_RESTful_Client, GetPostPutDeleteFormsAndCookiesAgainstJsonServer)
   read_all(*connection, 4096);
   EXPECT_EQ(1u, session->cookie_count());
   ASSERT_TRUE(JSON_RESTful_Client(session, true).get("/items", &out));
-  EXPECT_EQ("sid=abc123", server_log(client).get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
+  EXPECT_EQ("sid=abc123", server_log().get_obj().at("last").get_obj().at("headers").get_obj().at("cookie").get_str());
 }
 
 TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
@@ -131,7 +124,7 @@ TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
   ASSERT_TRUE(session.get(request, response, out));
   EXPECT_EQ("{\"ok\":true}", dump_json(out));
   EXPECT_EQ(3, server.heads()) << "cut in the head, cut in the body, then whole";
-  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits());
+  EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits);
   EXPECT_EQ(1u, log.count("Retry(1) "));
   EXPECT_EQ(1u, log.count("Retry(2) "));
   EXPECT_TRUE(log.contains("Failed to receive response from http://127.0.0.1:"));
@@ -157,19 +150,17 @@ TEST(JSON_HTTP_Session, LimitsEndTheRepeats)
   HTTP_Response response;
   Value out;
   JSON_HTTP_Session session(local_session(server.port()), 1, -1);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(2, server.heads());
-  session.retries(0);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(3, server.heads());
-  session.retries(-1);
-  session.retry_timeout(0);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(4, server.heads());
-  session.retry_timeout(4);
-  EXPECT_FALSE(session.get(request, response, &out));
-  EXPECT_EQ(8, server.heads()) << "waits of 1, 2 and 4 start while less than 4 seconds were waited";
-  EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits());
+  // retries, retry_timeout, and the heads the server has seen after the call.
+  // With 4 seconds, waits of 1, 2 and 4 start while less than 4 were waited.
+  const int limits[][3] = {{1, -1, 2}, {0, -1, 3}, {-1, 0, 4}, {-1, 4, 8}};
+  for (const auto& l : limits)
+  {
+    session.retries(l[0]);
+    session.retry_timeout(l[1]);
+    EXPECT_FALSE(session.get(request, response, &out));
+    EXPECT_EQ(l[2], server.heads()) << "retries " << l[0] << ", retry_timeout " << l[1];
+  }
+  EXPECT_EQ((std::vector<unsigned int>{1, 1, 2, 4}), Recorded_Waits::waits);
 }
 
 TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)
@@ -199,11 +190,10 @@ TEST(JSON_RESTful_Client, StatusRulesAndBodylessResponses)
   EXPECT_TRUE(lenient.is_status_ok(500));
 }
 
-namespace
+TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
 {
-  class Filling_Client : public JSON_RESTful_Client
+  struct Filling_Client : JSON_RESTful_Client
   {
-  public:
     using JSON_RESTful_Client::JSON_RESTful_Client;
     bool fill_request(HTTP_Request& request) const override
     {
@@ -214,10 +204,6 @@ namespace
     mutable int fills = 0;
     bool allow = true;
   };
-}
-
-TEST(JSON_RESTful_Client, FillsEachRequestOnceAndSetsSessionHeaders)
-{
   Recorded_Waits waits;
   Scripted_Server server({Reply::cut(Reply::json(200, "{}"), 3), Reply::json(200, "{}")});
   Filling_Client client(local_session(server.port()), true);
@@ -269,7 +255,7 @@ TEST(JSON_RESTful_Client, WithoutASessionEveryRequestFails)
   EXPECT_TRUE(client.get("/x", &out)) << "a failed reset changes nothing";
 }
 
-namespace
+TEST(JSON_HTTP_Session, TakesABodyToASinkInTwoSteps)
 {
   struct String_Sink : IO_Base
   {
@@ -280,10 +266,6 @@ namespace
     }
     std::string text;
   };
-}
-
-TEST(JSON_HTTP_Session, TakesABodyToASinkInTwoSteps)
-{
   std::string doc = "[\"" + std::string(20000, 'q') + "\"]";
   Scripted_Server server({Reply::chunked(200, doc, 3000), Reply::json(200, "x", "text/plain")});
   JSON_HTTP_Session session(local_session(server.port()), 0, 0);

@@ -26,11 +26,9 @@ function fail(error) {
   process.exit(1);
 }
 
-// Resolves with the first value passed to the returned callback.
-function once() {
-  let resolve;
-  const promise = new Promise((r) => { resolve = r; });
-  return { promise, resolve };
+// Resolves with the params of the first notification of method.
+function notified(connection, method) {
+  return new Promise((resolve) => connection.onNotification(method, resolve));
 }
 
 function startServer(program) {
@@ -68,13 +66,10 @@ async function main() {
   try {
     const first = await open(port);
     const c = first.connection;
-    const news = once();
-    const registered = once();
-    const pingResult = once();
+    const news = notified(c, 'news');
+    const registered = notified(c, 'channel.registered');
+    const pingResult = notified(c, 'ping.result');
     const hello = [];
-    c.onNotification('news', (params) => news.resolve(params));
-    c.onNotification('channel.registered', (params) => registered.resolve(params));
-    c.onNotification('ping.result', (params) => pingResult.resolve(params));
     c.onRequest('client.hello', (params) => {
       hello.push(params);
       return { greeting: 'hello from node', got: params };
@@ -84,21 +79,18 @@ async function main() {
     const params = { text: 'h\u00e9llo', list: [1, 2.5, 'three', null, { deep: true }] };
     assert.deepStrictEqual(await c.sendRequest('echo', params), params);
 
-    await assert.rejects(c.sendRequest('no.such.method', {}), (error) => {
-      assert.strictEqual(error.code, rpc.ErrorCodes.MethodNotFound);
-      return true;
-    });
+    await assert.rejects(c.sendRequest('no.such.method', {}), { code: rpc.ErrorCodes.MethodNotFound });
 
     // The server publishes a notification that has no handler there to its
     // subscribers: this connection.
     assert.strictEqual(
       await c.sendRequest('subscribe', rpc.ParameterStructures.byPosition, 'news', 'channel.registered'), true);
     await c.sendNotification('news', { n: 1 });
-    assert.deepStrictEqual(await news.promise, { n: 1 });
+    assert.deepStrictEqual(await news, { n: 1 });
 
     const second = await open(port);
     second.connection.listen();
-    const notice = await registered.promise;
+    const notice = await registered;
     const address = `${second.socket.localAddress}:${second.socket.localPort}`;
     assert.strictEqual(notice.channel_id, address);
     assert.strictEqual(notice.channel_address, address);
@@ -108,11 +100,9 @@ async function main() {
 
     // The server calls back on this connection and reports the answer.
     await c.sendNotification('ping.me', { from: 'node' });
-    const result = await pingResult.promise;
+    const result = await pingResult;
     assert.deepStrictEqual(hello, [{ from: 'node' }]);
-    assert.deepStrictEqual(result, {
-      ok: true, response: { greeting: 'hello from node', got: { from: 'node' } },
-    });
+    assert.deepStrictEqual(result, { ok: true, response: { greeting: 'hello from node', got: { from: 'node' } } });
 
     second.connection.dispose();
     second.socket.destroy();

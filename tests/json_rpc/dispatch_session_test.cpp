@@ -6,7 +6,6 @@
 #include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_handler.h"
-#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_session.h"
 #include "json_rpc/json_rpc_utils.h"
 #include "tessel/retry.h"
@@ -42,24 +41,24 @@ namespace
     std::vector<JSON_RPC_Object_Ptr> seen;
   };
 
+  // No call waits for the environment's limit, nor sleeps between repeats.
   class Dispatch : public ::testing::Test
   {
   protected:
     void SetUp() override
     {
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
+      retry_sleeper([](unsigned int) {});
       channel_ = make_channel(3, "peer", 5555);
       handler_ = new Recording_Handler(7);
-      quiet_ = new Recording_Handler(-1, true);
       JSON_RPC_Request_Map::instance()->insert("m", "", handler_, nullptr);
-      JSON_RPC_Request_Map::instance()->insert("quiet", "", quiet_, nullptr);
+      JSON_RPC_Request_Map::instance()->insert("quiet", "", new Recording_Handler(-1, true), nullptr);
     }
     void TearDown() override
     {
-      Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
-      JSON_RPC_Request_Map::close_instance();
-      JSON_RPC_Response_Map::close_instance();
-      JSON_RPC_Notify_Manager::close_instance();
-      JSON_RPC_Channel_Map::close_instance();
+      retry_sleeper(nullptr);
+      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
+      close_singletons();
     }
     int dispatch(JSON_RPC_Object_Ptr object)
     {
@@ -68,7 +67,28 @@ namespace
 
     JSON_RPC_Channel_Strong_Ptr channel_;
     Recording_Handler* handler_;
-    Recording_Handler* quiet_;
+  };
+
+  // Answers every request sent to the channel, on the sending thread, before
+  // the caller starts to wait.
+  void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
+  {
+    channel.on_send([make](JSON_RPC_Object_Ptr sent) {
+      JSON_RPC_Object_Ptr answer(make(*sent));
+      answer->id = sent->id;
+      JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), answer);
+    });
+  }
+
+  JSON_RPC_Object* result_of(json_spirit::Value v)
+  {
+    JSON_RPC_Response* r = new JSON_RPC_Response(nullptr);
+    r->result = std::move(v);
+    return r;
+  }
+
+  struct Session : Dispatch
+  {
   };
 }
 
@@ -78,10 +98,8 @@ TEST_F(Dispatch, HandlerResultPassesThroughAndTheDebugLineFollowsTheHandler)
   EXPECT_EQ(7, dispatch(request("m")));
   EXPECT_EQ(7, dispatch(request("m", true)));
   EXPECT_EQ(2u, handler_->seen.size());
-  auto lines = log.lines();
-  ASSERT_EQ(4u, lines.size());
-  EXPECT_EQ("handler ran\n", lines[0]);
-  EXPECT_EQ("Channel(type: 3) peer(127.0.0.1:5555) called JSON-RPC 'm'.\n", lines[1]);
+  const std::string called = "Channel(type: 3) peer(127.0.0.1:5555) called JSON-RPC 'm'.\n";
+  EXPECT_EQ((std::vector<std::string>{"handler ran\n", called, "handler ran\n", called}), log.lines());
   // A registered notification goes to its handler and to no subscriber.
   EXPECT_EQ(0u, fake(channel_).count());
   // A silent handler runs without the line, and its -1 draws no error.
@@ -108,11 +126,9 @@ TEST_F(Dispatch, UnknownMethodIsAnsweredWithMethodNotFound)
   EXPECT_TRUE(log.contains("JSON-RPC 'nope' by 127.0.0.1:5555 is not found.\n"));
   ASSERT_EQ(1u, fake(channel_).count());
   const auto& e = static_cast<const JSON_RPC_Response_Error&>(*fake(channel_).sent()[0]);
-  EXPECT_EQ(JSON_RPC_Object::TYPE_RESPONSE_ERROR, e.type);
-  EXPECT_EQ(-32601, e.code);
+  EXPECT_EQ("error -32601", answer_text(e)); // an error object, without data
   EXPECT_EQ("Method not found", e.message);
   EXPECT_EQ(11, e.id.get_int());
-  EXPECT_TRUE(e.data.is_null());
   // The send's failure is the result; a peer that is gone gets nothing.
   fake(channel_).fail(true);
   EXPECT_EQ(-1, dispatch(request("nope")));
@@ -136,46 +152,6 @@ TEST_F(Dispatch, BadObjectsAndStrayResponsesGiveMinusOneQuietly)
   EXPECT_EQ(-1, dispatch(response));
   EXPECT_TRUE(log.empty());
   EXPECT_TRUE(handler_->seen.empty());
-}
-
-namespace
-{
-  // Answers every request sent to the channel, on the sending thread, before
-  // the caller starts to wait.
-  void answer_with(Fake_Channel& channel, std::function<JSON_RPC_Object*(const JSON_RPC_Object&)> make)
-  {
-    channel.on_send([make](JSON_RPC_Object_Ptr sent) {
-      if (JSON_RPC_Object* answer = make(*sent))
-      {
-        answer->id = sent->id;
-        JSON_RPC_Dispatcher::instance()->dispatch(JSON_RPC_Channel_Weak_Ptr(), JSON_RPC_Object_Ptr(answer));
-      }
-    });
-  }
-
-  JSON_RPC_Object* result_of(json_spirit::Value v)
-  {
-    JSON_RPC_Response* r = new JSON_RPC_Response(nullptr);
-    r->result = std::move(v);
-    return r;
-  }
-
-  class Session : public Dispatch
-  {
-  protected:
-    void SetUp() override
-    {
-      Dispatch::SetUp();
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      retry_sleeper([](unsigned int) {});
-    }
-    void TearDown() override
-    {
-      retry_sleeper(nullptr);
-      unsetenv("JSON_RPC_REQUEST_TIMEOUT");
-      Dispatch::TearDown();
-    }
-  };
 }
 
 TEST_F(Session, AnswersFromAnotherThreadWakeTheirOwnCallerEarlyOrLate)
@@ -288,10 +264,7 @@ TEST_F(Session, TimeoutFromTheEnvironment)
     errno = 12345;
     session.get_timeout_env(t);
     EXPECT_EQ(c.value, t) << c.text;
-    if (c.error >= 0)
-    {
-      EXPECT_EQ(c.error, errno) << c.text;
-    }
+    EXPECT_TRUE(c.error < 0 || c.error == errno) << c.text << ": errno " << errno;
   }
 }
 

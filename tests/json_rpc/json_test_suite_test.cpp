@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
-#include <fstream>
+#include <filesystem>
 #include <iostream>
-#include <sstream>
 
 namespace
 {
@@ -17,28 +14,18 @@ namespace
   std::vector<std::string> suite_files(const std::string& prefix)
   {
     std::vector<std::string> names;
-    if (DIR* dir = opendir(JSON_TEST_SUITE_DIR))
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(JSON_TEST_SUITE_DIR, missing))
     {
-      while (dirent* entry = readdir(dir))
-      {
-        std::string name = entry->d_name;
-        if (name.compare(0, prefix.size(), prefix) == 0 && name.size() > 5 &&
-            name.compare(name.size() - 5, 5, ".json") == 0)
-          names.push_back(name);
-      }
-      closedir(dir);
+      std::string name = entry.path().filename().string();
+      if (name.compare(0, prefix.size(), prefix) == 0 && entry.path().extension() == ".json")
+        names.push_back(name);
     }
     std::sort(names.begin(), names.end());
     return names;
   }
 
-  std::string content(const std::string& name)
-  {
-    std::ifstream in(std::string(JSON_TEST_SUITE_DIR) + "/" + name, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
+  std::string content(const std::string& name) { return read_file(std::string(JSON_TEST_SUITE_DIR) + "/" + name); }
 
   struct Outcome
   {
@@ -48,23 +35,20 @@ namespace
     json_spirit::Value params;
   };
 
+  // The document read alone, and as a request's params whole and byte by byte.
   Outcome run(const std::string& doc)
   {
-    Outcome o{false, json_spirit::Value(), false, json_spirit::Value()};
+    Outcome o{};
     o.json = json_spirit::read_string(doc, o.value);
-    for (size_t piece : {size_t(0), size_t(1)})
-    {
-      Read_Outcome r = read_message("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + doc + "}", piece);
-      bool ok = r.ok && !r.object.null() && r.object->type == JSON_RPC_Object::TYPE_REQUEST;
-      if (piece == 0)
-      {
-        o.rpc = ok;
-        if (ok)
-          o.params = static_cast<JSON_RPC_Request&>(*r.object).params;
-      }
-      else
-        EXPECT_EQ(o.rpc, ok) << "byte by byte differs";
-    }
+    const std::string message = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":" + doc + "}";
+    Read_Outcome whole = read_message(message), bytes = read_message(message, 1);
+    auto request = [](const Read_Outcome& r) {
+      return r.ok && !r.object.null() && r.object->type == JSON_RPC_Object::TYPE_REQUEST;
+    };
+    o.rpc = request(whole);
+    EXPECT_EQ(o.rpc, request(bytes)) << "byte by byte differs";
+    if (o.rpc)
+      o.params = static_cast<JSON_RPC_Request&>(*whole.object).params;
     return o;
   }
 }
@@ -115,10 +99,7 @@ TEST(JSONTestSuite, NoImplementationDefinedDocumentCrashesEither)
     Outcome o = run(content(name));
     // Both readers agree on each, and the outcome goes in the test log.
     EXPECT_EQ(o.json, o.rpc) << name;
-    if (o.json && o.rpc)
-    {
-      EXPECT_EQ(o.value, o.params) << name;
-    }
+    EXPECT_TRUE(!o.json || !o.rpc || o.value == o.params) << name;
     std::cout << (o.json ? "accepted " : "refused  ") << name << "\n";
   }
 }

@@ -32,16 +32,15 @@ namespace
       return open() && read_in_pieces(*this, text, piece);
     }
   };
+}
 
+TEST(JSON_RPC_Parser, RefusesWhatNoMemberMayHoldWithTheReasonInTheLogLine)
+{
   struct Refusal
   {
     const char* text;
     unsigned int err, level, key, parent_key;
   };
-}
-
-TEST(JSON_RPC_Parser, RefusesWhatNoMemberMayHoldWithTheReasonInTheLogLine)
-{
   const Refusal cases[] = {
     {"{\"jsonrpc\":\"2.0\",\"foo\":1}", 5, 1, 0, 0},
     {"[{\"jsonrpc\":\"2.0\"}]", 3, 0, 0, 0},

@@ -4,18 +4,10 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
-  struct Case
-  {
-    const char* text;
-    const char* object; // describe() of the result
-  };
-}
-
 TEST(JSON_RPC_Reader, AssemblesEachKindOfMessage)
 {
-  const Case cases[] = {
+  // Each text and describe() of what it reads as.
+  const std::pair<const char*, const char*> cases[] = {
     {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"params\":[1,2]}",
      "type=2 version=2.0 id=1 method=m params=[1,2]"},
     {"{\"method\":\"m\"}", "type=1 version= id=null method=m params=null"},
@@ -46,12 +38,12 @@ TEST(JSON_RPC_Reader, AssemblesEachKindOfMessage)
     {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"m\",\"error\":{}}", "type=2 version=2.0 id=1 method=m params=null"},
     {"42", "no object"},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
   {
-    Read_Outcome r = read_message(c.text);
-    EXPECT_TRUE(r.ok) << c.text;
-    EXPECT_EQ(c.object, describe(r.object)) << c.text;
-    EXPECT_EQ(0u, r.err) << c.text;
+    Read_Outcome r = read_message(c.first);
+    EXPECT_TRUE(r.ok) << c.first;
+    EXPECT_EQ(c.second, describe(r.object)) << c.first;
+    EXPECT_EQ(0u, r.err) << c.first;
   }
 }
 
@@ -142,7 +134,7 @@ TEST(Message_Limits, AMillionLevelsOfParamsAreRefusedWithALogLine)
   EXPECT_EQ("type=2 version=2.0 id=1 method=m params=[1]", describe(next.object));
 }
 
-namespace
+TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
 {
   const char* const corpus[] = {
     "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"sum\",\"params\":[1,2,3]}",
@@ -163,17 +155,12 @@ namespace
     "{\"method\":\"m\",\"id\":null,\"params\":\"late null id\"}",
     "{\"id\":7,\"error\":{\"message\":\"default code\"}}",
   };
-
-  void expect_same(const std::string& text, const Read_Outcome& whole, const Read_Outcome& other, const char* how)
-  {
+  auto expect_same = [](const std::string& text, const Read_Outcome& whole, const Read_Outcome& other,
+                        const std::string& how) {
     ASSERT_TRUE(other.ok) << how << ": " << text;
     EXPECT_EQ(describe(whole.object), describe(other.object)) << how << ": " << text;
     EXPECT_EQ(write_object(*whole.object), write_object(*other.object)) << how << ": " << text;
-  }
-}
-
-TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
-{
+  };
   JSON_RPC_Reader reader;
   for (const std::string text : corpus)
   {
@@ -183,11 +170,9 @@ TEST(Reading_In_Pieces, EveryCutGivesTheSameObjectAndText)
     // Keep the first object: the reader is used again below.
     for (size_t cut = 1; cut < text.size(); ++cut)
     {
-      Read_Outcome r{reader.open(), JSON_RPC_Object_Ptr(), 0};
-      r.ok = r.ok && reader.read(text.data(), cut) && reader.read(text.data() + cut, text.size() - cut) &&
-             reader.read(nullptr, 0);
-      r.object = reader.object();
-      expect_same(text, whole, r, ("cut at " + std::to_string(cut)).c_str());
+      bool ok = reader.open() && reader.read(text.data(), cut) &&
+                reader.read(text.data() + cut, text.size() - cut) && reader.read(nullptr, 0);
+      expect_same(text, whole, Read_Outcome{ok, reader.object(), 0}, "cut at " + std::to_string(cut));
     }
     expect_same(text, whole, read_message(reader, text, 1), "byte by byte");
   }

@@ -20,11 +20,8 @@ struct Read_Outcome
 /// finishes the message.
 inline Read_Outcome read_message(JSON_RPC_Reader& reader, const std::string& text, size_t piece = 0)
 {
-  Read_Outcome out{reader.open(), JSON_RPC_Object_Ptr(), 0};
-  out.ok = out.ok && read_in_pieces(reader, text, piece);
-  out.object = reader.object();
-  out.err = reader.err;
-  return out;
+  bool ok = reader.open() && read_in_pieces(reader, text, piece);
+  return Read_Outcome{ok, reader.object(), reader.err};
 }
 
 inline Read_Outcome read_message(const std::string& text, size_t piece = 0)
@@ -48,23 +45,17 @@ inline std::string describe(const JSON_RPC_Object_Ptr& ptr)
   if (!o)
     return "no object";
   std::string s = "type=" + std::to_string(o->type) + " version=" + o->version + " id=" + JSON_Dump(o->id).str();
-  switch (o->type)
-  {
-  case JSON_RPC_Object::TYPE_NOTIFICATION:
-  case JSON_RPC_Object::TYPE_REQUEST:
+  if (o->type == JSON_RPC_Object::TYPE_NOTIFICATION || o->type == JSON_RPC_Object::TYPE_REQUEST)
   {
     auto r = static_cast<const JSON_RPC_Request*>(o);
     return s + " method=" + r->method + " params=" + JSON_Dump(r->params).str();
   }
-  case JSON_RPC_Object::TYPE_RESPONSE:
+  if (o->type == JSON_RPC_Object::TYPE_RESPONSE)
     return s + " result=" + JSON_Dump(static_cast<const JSON_RPC_Response*>(o)->result).str();
-  case JSON_RPC_Object::TYPE_RESPONSE_ERROR:
-  {
-    auto e = static_cast<const JSON_RPC_Response_Error*>(o);
-    return s + " code=" + std::to_string(e->code) + " message=" + e->message + " data=" + JSON_Dump(e->data).str();
-  }
-  }
-  return s + " bad type";
+  if (o->type != JSON_RPC_Object::TYPE_RESPONSE_ERROR)
+    return s + " bad type";
+  auto e = static_cast<const JSON_RPC_Response_Error*>(o);
+  return s + " code=" + std::to_string(e->code) + " message=" + e->message + " data=" + JSON_Dump(e->data).str();
 }
 
 #endif

@@ -11,30 +11,16 @@ using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
 
-namespace
-{
-  Value sample()
-  {
-    Object o;
-    o["list"] = Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})});
-    o["inner"] = Value(Object{{"k", Value(true)}});
-    return Value(std::move(o));
-  }
-}
-
 TEST(Value, KindsAndTheNumbersCallersTest)
 {
-  EXPECT_EQ(2, Value("s").type());
-  EXPECT_EQ(2, Value(std::string("s")).type());
-  EXPECT_EQ(5, Value(7).type());
-  EXPECT_EQ(5, Value(7LL).type());
-  EXPECT_EQ(5, Value(7u).type());
-  EXPECT_EQ(6, Value(1.5).type());
-  EXPECT_EQ(7, Value().type());
+  // What each constructor makes, as the numbers callers compare with.
+  const std::pair<Value, int> kinds[] = {
+    {Value("s"), 2}, {Value(std::string("s")), 2}, {Value(7), 5}, {Value(7LL), 5}, {Value(7u), 5}, {Value(1.5), 6},
+    {Value(), 7},    {Value(false), json_spirit::bool_type}, {Value(Object()), json_spirit::obj_type},
+    {Value(Array()), json_spirit::array_type}};
+  for (const auto& k : kinds)
+    EXPECT_EQ(k.second, k.first.type()) << json_spirit::write_string(k.first);
   EXPECT_TRUE(Value::null.is_null());
-  EXPECT_EQ(json_spirit::bool_type, Value(false).type());
-  EXPECT_EQ(json_spirit::obj_type, Value(Object()).type());
-  EXPECT_EQ(json_spirit::array_type, Value(Array()).type());
 
   // The wrong getter gives the kind's zero value.
   EXPECT_EQ("", Value(5).get_str());
@@ -65,7 +51,9 @@ TEST(Value, IntegersBeyondThirtyTwoBitsAreReadAsInt64)
 
 TEST(Value, CopiesAreDeepMovesEmptyTheSourceAndAChildCanReplaceItsParent)
 {
-  Value original = sample();
+  const Value sample(Object{{"list", Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})})},
+                            {"inner", Value(Object{{"k", Value(true)}})}});
+  Value original = sample;
   Value copy(original);
   copy.get_obj()["list"].get_array()[2].get_array().push_back(Value(4));
   EXPECT_NE(original, copy);
@@ -82,7 +70,7 @@ TEST(Value, CopiesAreDeepMovesEmptyTheSourceAndAChildCanReplaceItsParent)
   Value& alias = original;
   original = alias;
   original = std::move(alias);
-  EXPECT_EQ(sample(), original);
+  EXPECT_EQ(sample, original);
   original = original.get_obj()["list"];
   EXPECT_EQ(Value(Array{Value(1), Value("two"), Value(Array{Value(3.5)})}), original);
   original = std::move(original.get_array()[2]);
@@ -104,17 +92,12 @@ TEST(value_lesser, IsAStrictWeakOrderThatKeepsEveryIdApart)
     EXPECT_FALSE(less(a, a));
     for (const Value& b : values)
     {
-      // Equivalent exactly when equal, and never both ways.
+      // Equivalent exactly when equal, never both ways, and transitive.
       EXPECT_EQ(a == b, !less(a, b) && !less(b, a)) << json_spirit::write_string(a) << " "
                                                       << json_spirit::write_string(b);
       EXPECT_FALSE(less(a, b) && less(b, a));
       for (const Value& c : values)
-      {
-        if (less(a, b) && less(b, c))
-        {
-          EXPECT_TRUE(less(a, c));
-        }
-      }
+        EXPECT_TRUE(!less(a, b) || !less(b, c) || less(a, c)) << json_spirit::write_string(c);
     }
   }
   EXPECT_TRUE(less(Value(-1LL), Value(ULLONG_MAX)));
@@ -129,18 +112,9 @@ TEST(value_lesser, IsAStrictWeakOrderThatKeepsEveryIdApart)
   EXPECT_EQ(8, ids.at(Value(ULLONG_MAX)));
 }
 
-namespace
-{
-  struct Number_Case
-  {
-    const char* text;
-    json_spirit::Value expected;
-  };
-}
-
 TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBitsAndTheRestAreReals)
 {
-  const Number_Case cases[] = {
+  const std::pair<const char*, Value> cases[] = {
     {"0", Value(0)},
     {"-0", Value(0)},
     {"-42", Value(-42)},
@@ -162,12 +136,12 @@ TEST(number_to_value, IntegersStayIntegersUpToSixtyFourBitsAndTheRestAreReals)
     // Underflow settles to zero.
     {"1e-400", Value(0.0)},
   };
-  for (const Number_Case& c : cases)
+  for (const auto& c : cases)
   {
     Value v;
-    EXPECT_TRUE(json_spirit::number_to_value(c.text, std::strlen(c.text), v)) << c.text;
-    EXPECT_EQ(c.expected, v) << c.text;
-    EXPECT_EQ(c.expected.type(), v.type()) << c.text;
+    EXPECT_TRUE(json_spirit::number_to_value(c.first, std::strlen(c.first), v)) << c.first;
+    EXPECT_EQ(c.second, v) << c.first;
+    EXPECT_EQ(c.second.type(), v.type()) << c.first;
   }
   Value negative_zero;
   ASSERT_TRUE(json_spirit::number_to_value("-0.0", 4, negative_zero));

@@ -22,9 +22,8 @@ inline std::string record(const std::string& key, const std::string& init, const
 }
 
 /// A service object through init and fini, as ACE's configurator runs it.
-class Service_Run
+struct Service_Run
 {
-public:
   explicit Service_Run(const std::string& options)
   {
     ACE_ARGV args(options.c_str(), false);

@@ -39,11 +39,51 @@ namespace
     return handle != nullptr;
   }
 
+  Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
+
   class Service_Conf : public ::testing::Test
   {
   protected:
     void SetUp() override { test_state().reset(); }
     Temp_Dir dir;
+  };
+
+  using json_spirit::Array;
+  using json_spirit::Value;
+
+  // The example handler libraries, booted from examples/svc.conf by ACE's
+  // service configurator as a host would (the file's paths, relative to the
+  // repository root, are pointed at this build). host_test.sh calls each
+  // method through a host; here is what a call alone can't show.
+  class Examples : public ::testing::Test
+  {
+  protected:
+    void SetUp() override
+    {
+      // Opened once for the process, without the default svc.conf and static services.
+      static std::once_flag once;
+      std::call_once(once, [] {
+        ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
+      });
+      const std::string examples = EXAMPLES_DIR, lib = EXAMPLES_LIB_DIR;
+      for (const char* name : {"handlers.json", "filters.json", "restful.json"})
+        dir.write(name, replace_all(read_file(examples + "/conf/" + name), "build/lib/", lib + "/"));
+      std::string conf = replace_all(read_file(examples + "/svc.conf"), "build/lib/", lib + "/");
+      std::string svc = dir.write("svc.conf", replace_all(conf, "examples/conf/", dir.file("")));
+      Log_Capture log;
+      ASSERT_EQ(0, ACE_Service_Config::process_file(svc.c_str())) << log.text();
+      ASSERT_EQ(0u, log.count_priority(LM_ERROR)) << log.text();
+      ASSERT_EQ(9u, log.count("Loaded ")) << log.text();
+    }
+    void TearDown() override
+    {
+      ACE_Service_Config::remove("JSON_RPC_Service");
+      JSON_RESTful_Handler_Creator_Map::close_instance();
+    }
+
+    Temp_Dir dir;
+    // The dispatcher's line for each call stays out of the output.
+    Log_Capture quiet;
   };
 }
 
@@ -163,12 +203,6 @@ TEST_F(Service_Conf, FiltersAndRestCreatorsLoadUnderTheirOwnKeysAndWords)
   EXPECT_EQ(test_state().deleted.load(), 4);
 }
 
-
-namespace
-{
-  Thread_Pool_Helper* pool() { return JSON_RPC_Thread_Pool_Handler::thread_pool_.get(); }
-}
-
 TEST(Service_Options, ThePoolTakesItsFiguresWhateverTheOptionsPlaceOrForm)
 {
   for (const char* line : {"-l 50 -h 100 -n 4",
@@ -263,23 +297,17 @@ TEST(Service_Options, AFailedPoolActivationFailsInitAndKeepsTheHandlers)
     << log.text();
 }
 
-namespace
+TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
 {
   // Notes, as it is destroyed, whether the pool was still there.
-  class Stop_Witness : public JSON_RPC_Handler
+  struct Stop_Witness : JSON_RPC_Handler
   {
-  public:
     explicit Stop_Witness(int& pool_gone) : pool_gone_(pool_gone) {}
     ~Stop_Witness() override { pool_gone_ = JSON_RPC_Thread_Pool_Handler::thread_pool_ ? 0 : 1; }
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return 0; }
 
-  private:
     int& pool_gone_;
   };
-}
-
-TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
-{
   int pool_gone = -1;
   {
     Service_Run run("-n 2");
@@ -287,48 +315,6 @@ TEST(Service_Options, StopEndsThePoolBeforeAnyHandlerGoes)
     ASSERT_EQ(0, JSON_RPC_Request_Map::instance()->insert("witness", "", new Stop_Witness(pool_gone), nullptr));
   }
   EXPECT_EQ(1, pool_gone);
-}
-
-// The example handler libraries, booted from examples/svc.conf by ACE's
-// service configurator as a host would (the file's paths, relative to the
-// repository root, are pointed at this build). host_test.sh calls each
-// method through a host; here is what a call alone can't show.
-
-namespace
-{
-  using json_spirit::Array;
-  using json_spirit::Value;
-
-  class Examples : public ::testing::Test
-  {
-  protected:
-    void SetUp() override
-    {
-      // Opened once for the process, without the default svc.conf and static services.
-      static std::once_flag once;
-      std::call_once(once, [] {
-        ACE_Service_Config::open(ACE_TEXT("service_tests"), ACE_DEFAULT_LOGGER_KEY, true, true, false);
-      });
-      const std::string examples = EXAMPLES_DIR, lib = EXAMPLES_LIB_DIR;
-      for (const char* name : {"handlers.json", "filters.json", "restful.json"})
-        dir.write(name, replace_all(read_file(examples + "/conf/" + name), "build/lib/", lib + "/"));
-      std::string conf = replace_all(read_file(examples + "/svc.conf"), "build/lib/", lib + "/");
-      std::string svc = dir.write("svc.conf", replace_all(conf, "examples/conf/", dir.file("")));
-      Log_Capture log;
-      ASSERT_EQ(0, ACE_Service_Config::process_file(svc.c_str())) << log.text();
-      ASSERT_EQ(0u, log.count_priority(LM_ERROR)) << log.text();
-      ASSERT_EQ(9u, log.count("Loaded ")) << log.text();
-    }
-    void TearDown() override
-    {
-      ACE_Service_Config::remove("JSON_RPC_Service");
-      JSON_RESTful_Handler_Creator_Map::close_instance();
-    }
-
-    Temp_Dir dir;
-    // The dispatcher's line for each call stays out of the output.
-    Log_Capture quiet;
-  };
 }
 
 TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
@@ -349,11 +335,8 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
   publish("news");
   publish("weather");
   publish("sport");
-  auto sent = fake(subscriber).sent();
-  ASSERT_EQ(4u, sent.size());
-  EXPECT_EQ("news", as_request(sent[2]).method);
-  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, sent[2]->type);
-  EXPECT_EQ("sport", as_request(sent[3]).method);
+  ASSERT_EQ((std::vector<std::string>{"", "", "news", "sport"}), fake(subscriber).methods());
+  EXPECT_EQ(JSON_RPC_Object::TYPE_NOTIFICATION, fake(subscriber).sent()[2]->type);
 
   dispatcher->dispatch(weak, make_message("unsubscribe", "news", 3));
   EXPECT_EQ("true", last_result());
@@ -368,11 +351,10 @@ TEST_F(Examples, SubscribedChannelsGetWhatIsPublished)
   EXPECT_EQ(0u, fake(publisher).count());
 }
 
-namespace
+TEST_F(Examples, RestCreatorMakesHandlersThatGreet)
 {
-  class Fake_REST_Channel : public JSON_RESTful_Channel
+  struct Fake_REST_Channel : JSON_RESTful_Channel
   {
-  public:
     ssize_t write(char const* data, size_t length) override
     {
       body.append(data, length);
@@ -382,11 +364,7 @@ namespace
     std::string uri() const override { return "/hello"; }
     std::string header(const char*) const override { return ""; }
     ssize_t read(char*, size_t) override { return 0; }
-    int status(int code) override
-    {
-      status_code = code;
-      return 0;
-    }
+    int status(int code) override { return status_code = code, 0; }
     int put_header(const char* name, const char* value) override
     {
       headers += std::string(name) + ": " + value + "\n";
@@ -395,16 +373,11 @@ namespace
 
     int status_code = 0;
     std::string headers, body;
-  };
-}
-
-TEST_F(Examples, RestCreatorMakesHandlersThatGreet)
-{
+  } channel;
   Object_Creator_T<JSON_RESTful_Handler>* creator = JSON_RESTful_Handler_Creator_Map::instance()->find("/hello");
   ASSERT_NE(nullptr, creator);
   JSON_RESTful_Handler* handler = creator->create();
   ASSERT_NE(nullptr, handler);
-  Fake_REST_Channel channel;
   EXPECT_EQ(0, handler->handle_exchange(channel));
   creator->destroy(handler);
   EXPECT_EQ(200, channel.status_code);

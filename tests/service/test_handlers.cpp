@@ -9,8 +9,6 @@
 #include "json_rpc/json_rpc_params_filter.h"
 
 #include <cerrno>
-#include <cstring>
-#include <new>
 
 #define TEST_FACTORY extern "C" __attribute__((visibility("default")))
 
@@ -22,7 +20,7 @@ namespace
   int init_tagged(std::string& tag, int argc, char** argv)
   {
     tag = tag_of(argc, argv);
-    test_state().record_init(tag, argc, argv);
+    test_state().record_init(argc, argv);
     if (tag == "fail")
     {
       errno = EINVAL;
@@ -32,9 +30,8 @@ namespace
   }
 
   // Answers every request with its tag.
-  class Tagged : public JSON_RPC_Handler
+  struct Tagged : JSON_RPC_Handler
   {
-  public:
     ~Tagged() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
@@ -47,24 +44,20 @@ namespace
       return peer->send_object(JSON_RPC_Object_Ptr(response));
     }
 
-  private:
     std::string tag_;
   };
 
-  class Tagged_Creator : public JSON_RPC_Params_Handler_Creator
+  struct Tagged_Creator : JSON_RPC_Params_Handler_Creator
   {
-  public:
     ~Tagged_Creator() override { ++test_state().deleted; }
     int init(int argc, char** argv) override { return init_tagged(tag_, argc, argv); }
     YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return nullptr; }
 
-  private:
     std::string tag_;
   };
 
-  class Rest_Creator : public Object_Creator_T<JSON_RESTful_Handler>
+  struct Rest_Creator : Object_Creator_T<JSON_RESTful_Handler>
   {
-  public:
     ~Rest_Creator() override { ++test_state().deleted; }
     int init(int count, char** args) override
     {

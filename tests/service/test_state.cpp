@@ -12,9 +12,9 @@ std::vector<Test_State::Init> Test_State::inits() const
   return inits_;
 }
 
-void Test_State::record_init(const std::string& tag, int argc, char** argv)
+void Test_State::record_init(int argc, char** argv)
 {
-  Init init{tag, argc, argv == nullptr, {}};
+  Init init{argc, argv == nullptr, {}};
   for (int i = 0; argv && i < argc; ++i)
     init.argv.push_back(argv[i] ? argv[i] : "(null)");
   std::lock_guard<std::mutex> lock(mutex_);

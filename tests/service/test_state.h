@@ -14,14 +14,13 @@ struct Test_State
 {
   struct Init
   {
-    std::string tag;
     int argc;
     bool argv_null;
     std::vector<std::string> argv;
   };
 
   std::vector<Init> inits() const;
-  void record_init(const std::string& tag, int argc, char** argv);
+  void record_init(int argc, char** argv);
   void reset();
 
   /// Objects that went through their destroy function, and through delete.

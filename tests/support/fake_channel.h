@@ -1,20 +1,28 @@
 #ifndef TESTS_SUPPORT_FAKE_CHANNEL_H
 #define TESTS_SUPPORT_FAKE_CHANNEL_H
 
+#include "test_util.h"
+
 #include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_generator.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_notify_manager.h"
 #include "json_spirit/json_spirit_writer.h"
 
 #include <ace/INET_Addr.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
+
+inline const JSON_RPC_Request& as_request(const JSON_RPC_Object_Ptr& object)
+{
+  return static_cast<const JSON_RPC_Request&>(*object);
+}
 
 /// A channel that keeps what is sent to it. Thread-safe; sends can be made
 /// to fail, and a hook can run on every send (to answer a call, say).
@@ -38,7 +46,6 @@ public:
       sent_.push_back(object);
       hook = on_send_;
     }
-    changed_.notify_all();
     if (hook)
       hook(object);
     return 0;
@@ -91,24 +98,37 @@ public:
     return generated_;
   }
 
-  size_t count() const { return sent().size(); }
+  size_t count() const
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sent_.size();
+  }
 
   /// The methods of what was sent ("" for responses).
-  std::vector<std::string> methods() const;
-  /// The params of the notifications and requests sent for `method`.
-  std::vector<json_spirit::Value> params_of(const std::string& method) const;
-
-  /// Waits (bounded) until at least n objects were sent.
-  bool wait_for(size_t n, int seconds = 20) const
+  std::vector<std::string> methods() const
   {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return sent_.size() >= n; });
+    std::vector<std::string> out;
+    for (const JSON_RPC_Object_Ptr& o : sent())
+      out.push_back(o->type <= JSON_RPC_Object::TYPE_REQUEST ? as_request(o).method : "");
+    return out;
   }
+
+  /// The params of the notifications and requests sent for `method`.
+  std::vector<json_spirit::Value> params_of(const std::string& method) const
+  {
+    std::vector<json_spirit::Value> out;
+    for (const JSON_RPC_Object_Ptr& o : sent())
+      if (o->type <= JSON_RPC_Object::TYPE_REQUEST && as_request(o).method == method)
+        out.push_back(as_request(o).params);
+    return out;
+  }
+
+  /// Polls (bounded) until at least n objects were sent.
+  bool wait_for(size_t n, int seconds = 20) const { return eventually([&] { return count() >= n; }, seconds); }
 
 private:
   ACE_INET_Addr addr_;
   mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
   bool fail_ = false;
   std::vector<JSON_RPC_Object_Ptr> sent_;
   std::vector<std::string> generated_;
@@ -129,9 +149,17 @@ inline JSON_RPC_Channel_Weak_Ptr gone_channel()
   return JSON_RPC_Channel_Weak_Ptr(c);
 }
 
-inline const JSON_RPC_Request& as_request(const JSON_RPC_Object_Ptr& object)
+/// Lets the global channel go and closes the registers and the dispatcher:
+/// at the end of a test, or once every transport thread has ended.
+inline void close_singletons()
 {
-  return static_cast<const JSON_RPC_Request&>(*object);
+  Global_JSON_RPC_Channel::instance(JSON_RPC_Channel_Weak_Ptr());
+  JSON_RPC_Channel_Pool::close_instance();
+  JSON_RPC_Notify_Manager::close_instance();
+  JSON_RPC_Channel_Map::close_instance();
+  JSON_RPC_Response_Map::close_instance();
+  JSON_RPC_Request_Map::close_instance();
+  JSON_RPC_Dispatcher::close_instance();
 }
 
 /// A request with the given id or, with no id, a notification.
@@ -176,23 +204,6 @@ inline std::string call(const std::string& method, const json_spirit::Value& par
   if (!fake(channel).wait_for(1, 10))
     return "no answer";
   return answer_text(*fake(channel).sent().back());
-}
-
-inline std::vector<std::string> Fake_Channel::methods() const
-{
-  std::vector<std::string> out;
-  for (const JSON_RPC_Object_Ptr& o : sent())
-    out.push_back(o->type <= JSON_RPC_Object::TYPE_REQUEST ? as_request(o).method : "");
-  return out;
-}
-
-inline std::vector<json_spirit::Value> Fake_Channel::params_of(const std::string& method) const
-{
-  std::vector<json_spirit::Value> out;
-  for (const JSON_RPC_Object_Ptr& o : sent())
-    if (o->type <= JSON_RPC_Object::TYPE_REQUEST && as_request(o).method == method)
-      out.push_back(as_request(o).params);
-  return out;
 }
 
 #endif

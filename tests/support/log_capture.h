@@ -20,10 +20,6 @@ class ACE_Log_Record;
 /// that created it. Another thread joins with an Attach on its own stack.
 /// The output flags are process-wide: stderr stays off until the last
 /// capture of the process is gone, whatever thread logs meanwhile.
-///
-///   Log_Capture cap;
-///   reader.read(...);
-///   EXPECT_TRUE(cap.contains("err=5, level=1"));
 class Log_Capture : public ACE_Log_Msg_Callback
 {
 public:

@@ -24,7 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,9 +34,7 @@ extern char** environ;
 inline std::string read_file(const std::string& path)
 {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline void write_file(const std::string& path, const std::string& text)
@@ -261,8 +259,7 @@ public:
   /// Reads into `in` until the peer closes; false at the bound.
   bool read_to_eof()
   {
-    ssize_t n;
-    while ((n = receive()) > 0)
+    while (receive() > 0)
     {
     }
     return !timed_out;
@@ -362,12 +359,6 @@ inline unsigned short free_port()
   unsigned short port = 0;
   ::close(loopback_listener(port));
   return port;
-}
-
-/// True once something accepts on 127.0.0.1:port, within the time given.
-inline bool wait_listening(unsigned short port, int seconds)
-{
-  return eventually([port] { return Socket_Client(port).connected(); }, seconds);
 }
 
 #endif

@@ -23,6 +23,30 @@ namespace
       out.push_back(*it);
     return out;
   }
+
+  struct Recording_Conf : JSON_Base_Conf
+  {
+    explicit Recording_Conf(std::vector<std::string>* out) : JSON_Base_Conf("name", 4), out_(out) {}
+    bool handle_record() override
+    {
+      out_->push_back(key() + "|" + dll() + "|" + init() + "|" + params());
+      return key() != "refused";
+    }
+    std::vector<std::string>* out_;
+  };
+
+  class Config_File : public ::testing::Test
+  {
+  protected:
+    int load(const std::string& content)
+    {
+      return load_json_config(dir_.write("conf.json", content).c_str(), Recording_Conf(&records_));
+    }
+
+    Temp_Dir dir_;
+    std::string path_ = dir_.file("conf.json");
+    std::vector<std::string> records_;
+  };
 }
 
 TEST(Exponential_Backoff_Iterator, DoublesUpToTheCeilingCumulatesAndEnds)
@@ -129,33 +153,6 @@ TEST(Utils, EnvironmentAndAddressTexts)
   EXPECT_STREQ("[::1]:443", ACE_Addr_String(ACE_INET_Addr(443, "::1", AF_INET6)).c_str());
   EXPECT_STREQ("[2001:db8::5]:1", ACE_Addr_String(ACE_INET_Addr(1, "2001:db8::5", AF_INET6)).c_str());
   EXPECT_STREQ("", ACE_Addr_String(ACE_Addr()).c_str());
-}
-
-namespace
-{
-  struct Recording_Conf : JSON_Base_Conf
-  {
-    explicit Recording_Conf(std::vector<std::string>* out) : JSON_Base_Conf("name", 4), out_(out) {}
-    bool handle_record() override
-    {
-      out_->push_back(key() + "|" + dll() + "|" + init() + "|" + params());
-      return key() != "refused";
-    }
-    std::vector<std::string>* out_;
-  };
-
-  class Config_File : public ::testing::Test
-  {
-  protected:
-    int load(const std::string& content)
-    {
-      return load_json_config(dir_.write("conf.json", content).c_str(), Recording_Conf(&records_));
-    }
-
-    Temp_Dir dir_;
-    std::string path_ = dir_.file("conf.json");
-    std::vector<std::string> records_;
-  };
 }
 
 TEST_F(Config_File, ReadsOneRecordAnArrayOrNamedGroupsAtAnyDepth)

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-namespace
+TEST(JSON_Generator, WritesThroughYAJL_GenAndClosesTheGuardedMapOnEveryPath)
 {
   struct Pair_Generator : JSON_Generator
   {
@@ -19,10 +19,6 @@ namespace
       return !fail;
     }
   };
-}
-
-TEST(JSON_Generator, WritesThroughYAJL_GenAndClosesTheGuardedMapOnEveryPath)
-{
   for (bool fail : {false, true})
   {
     std::string out;
@@ -66,7 +62,7 @@ TEST(YAJL_Error, QuotesTheTextAroundTheFault)
   EXPECT_STREQ("", YAJL_Error(nullptr, true, nullptr, 0).c_str());
 }
 
-namespace
+TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
 {
   struct Recorder : YAJL_Handler
   {
@@ -82,10 +78,6 @@ namespace
       return true;
     }
   };
-}
-
-TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
-{
   const std::string text = "[1, \"" + std::string(1 << 20, 'x') + "\", 22, null]";
   Recorder r;
   yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);

@@ -33,12 +33,11 @@ namespace
 
     // A client of the library, to show that one connection's trouble leaves
     // the others alone.
-    JSON_RPC_Channel_Strong_Ptr bystander()
+    void bystander()
     {
       TCP_Options client;
       client.framing = options.framing;
       EXPECT_EQ(0, TCP_Connector::connect(channel, loopback(server.port()), client));
-      return channel;
     }
 
     bool bystander_answers() { return echo_over(channel, 3) == json_spirit::Value(3); }
@@ -100,6 +99,7 @@ namespace
   TEST_F(Wire, BadInputIsAnsweredWithParseErrorAndClosesOnlyThatConnection)
   {
     const std::string too_big = request(1, "[\"" + std::string(1024 * 1024, 'b') + "\"]");
+    const std::string refused = "message refused by the reader";
     const Bad_Input cases[] = {
       {TCP_Options::FRAMING_CONTENT_LENGTH, "X-Pad: " + std::string(9000, 'a'), "header larger than 8192 bytes"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 1x\r\n\r\n{}", "bad Content-Length \"1x\""},
@@ -109,17 +109,18 @@ namespace
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Type: a/b\r\n\r\n{}", "no Content-Length header"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 2\r\nContent-Length: 3\r\n\r\n", "conflicting"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, request(1) + "\r\n", "malformed header line"},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1.5,\"method\":\"m\"}"),
-       "message refused by the reader"},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1,\"method\":\"echo\""),
-       "message refused by the reader"},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(""), "message refused by the reader"},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1.5,\"method\":\"m\"}"), refused},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1,\"method\":\"echo\""), refused},
+      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(""), refused},
       {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(too_big), "exceeds the limit of 1048576"},
-      {TCP_Options::FRAMING_NDJSON, "{\"id\":1,]\n", "message refused by the reader"},
-      {TCP_Options::FRAMING_NDJSON, request(1) + request(2) + "\n", "message refused by the reader"},
+      {TCP_Options::FRAMING_NDJSON, "{\"id\":1,]\n", refused},
+      {TCP_Options::FRAMING_NDJSON, request(1) + request(2) + "\n", refused},
       {TCP_Options::FRAMING_NDJSON, too_big + "\n", "exceeds the limit of 1048576"},
     };
     TCP_Options::Framing framing = TCP_Options::FRAMING_CONTENT_LENGTH;
+    auto frame = [&](const std::string& body) {
+      return framing == TCP_Options::FRAMING_NDJSON ? body + "\n" : content_length_frame(body);
+    };
     start(framing);
     bystander();
     for (const Bad_Input& bad : cases)
@@ -136,14 +137,10 @@ namespace
       {
         Socket_Client peer(server.port());
         // A good message first: it is answered before the bad one is seen.
-        ASSERT_TRUE(peer.send(framing == TCP_Options::FRAMING_NDJSON ? request(7) + "\n"
-                                                                      : content_length_frame(request(7))));
+        ASSERT_TRUE(peer.send(frame(request(7))));
         ASSERT_TRUE(peer.send(bad.bytes));
         ASSERT_TRUE(peer.read_to_eof());
-        std::string expected = framing == TCP_Options::FRAMING_NDJSON
-                                 ? response(7) + "\n" + parse_error + "\n"
-                                 : content_length_frame(response(7)) + content_length_frame(parse_error);
-        EXPECT_EQ(expected, peer.in);
+        EXPECT_EQ(frame(response(7)) + frame(parse_error), peer.in);
       }
       EXPECT_TRUE(log.contains(bad.logged)) << log.text();
       EXPECT_TRUE(log.contains("closing the connection."));

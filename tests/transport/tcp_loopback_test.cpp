@@ -31,9 +31,8 @@ namespace
 
   // Singletons made before any transport thread, short back-off waits and
   // one-second call limits, for every test of this program.
-  class Environment : public ::testing::Environment
+  struct Environment : ::testing::Environment
   {
-  public:
     void SetUp() override
     {
       setenv("JSON_RPC_REQUEST_TIMEOUT", "1", 1);

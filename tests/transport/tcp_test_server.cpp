@@ -15,7 +15,6 @@
 #include <ace/Log_Msg.h>
 
 #include <cstdio>
-#include <functional>
 #include <mutex>
 #include <poll.h>
 #include <signal.h>

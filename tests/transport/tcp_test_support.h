@@ -28,9 +28,8 @@ namespace tcp_test
   typedef std::function<int(JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&)> Handler_Function;
 
   /// Runs a function for each message of its method whose peer is there.
-  class Function_Handler : public JSON_RPC_Handler
+  struct Function_Handler : JSON_RPC_Handler
   {
-  public:
     explicit Function_Handler(Handler_Function f) : f_(std::move(f)) {}
     int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
     {
@@ -38,7 +37,6 @@ namespace tcp_test
       return peer.null() ? -1 : f_(peer, as_request(object));
     }
 
-  private:
     Handler_Function f_;
   };
 
@@ -56,7 +54,7 @@ namespace tcp_test
   }
 
   /// The singletons the transport threads use: made before any of them
-  /// starts, closed after they have all ended.
+  /// starts, closed (close_singletons()) after they have all ended.
   inline void open_singletons()
   {
     JSON_RPC_Dispatcher::instance();
@@ -64,15 +62,6 @@ namespace tcp_test
     JSON_RPC_Notify_Manager::instance();
     JSON_RPC_Channel_Map::instance();
     JSON_RPC_Channel_Pool::instance();
-  }
-  inline void close_singletons()
-  {
-    JSON_RPC_Channel_Pool::close_instance();
-    JSON_RPC_Notify_Manager::close_instance();
-    JSON_RPC_Channel_Map::close_instance();
-    JSON_RPC_Response_Map::close_instance();
-    JSON_RPC_Request_Map::close_instance();
-    JSON_RPC_Dispatcher::close_instance();
   }
 
   /// The echo of params over the channel, or "no answer".

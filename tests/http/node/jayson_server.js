@@ -6,28 +6,13 @@
 const jayson = require('jayson');
 
 const methods = {
-  echo(args, callback) {
-    callback(null, args);
-  },
-  add(args, callback) {
-    callback(null, args[0] + args[1]);
-  },
-  fail(args, callback) {
-    callback({ code: -32000, message: 'refused', data: { args } });
-  },
+  echo: (args, callback) => callback(null, args),
+  add: (args, callback) => callback(null, args[0] + args[1]),
+  fail: (args, callback) => callback({ code: -32000, message: 'refused', data: { args } }),
   // An array of count strings of size characters: a large response.
-  big(args, callback) {
-    const item = 'x'.repeat(args.size);
-    const out = new Array(args.count);
-    for (let i = 0; i < args.count; ++i) out[i] = item;
-    callback(null, out);
-  },
+  big: (args, callback) => callback(null, new Array(args.count).fill('x'.repeat(args.size))),
   // What a large request carried.
-  measure(args, callback) {
-    let chars = 0;
-    for (const s of args) chars += s.length;
-    callback(null, { items: args.length, chars });
-  },
+  measure: (args, callback) => callback(null, { items: args.length, chars: args.reduce((n, s) => n + s.length, 0) }),
 };
 
 const server = jayson.server(methods);

@@ -10,7 +10,6 @@ const db = {
     { id: 1, name: 'first', tags: ['a', 'b'] },
     { id: 2, name: 'second', tags: [] },
   ],
-  profile: { name: 'tester' },
 };
 
 const server = jsonServer.create();

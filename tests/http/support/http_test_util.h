@@ -37,16 +37,11 @@ struct Recorded_Waits
 {
   Recorded_Waits()
   {
-    waits().clear();
-    retry_sleeper(&record);
+    waits.clear();
+    retry_sleeper([](unsigned int seconds) { waits.push_back(seconds); });
   }
   ~Recorded_Waits() { retry_sleeper(nullptr); }
-  static std::vector<unsigned int>& waits()
-  {
-    static std::vector<unsigned int> w;
-    return w;
-  }
-  static void record(unsigned int seconds) { waits().push_back(seconds); }
+  inline static std::vector<unsigned int> waits;
 };
 
 /// A session on 127.0.0.1 with short limits, for the scripted server.
@@ -147,9 +142,6 @@ private:
   std::unique_ptr<Child> process_;
 };
 
-/// GET path on 127.0.0.1:port with a plain socket; the body, empty on failure.
-std::string plain_get(unsigned short port, const std::string& path);
-
 // A server on a loopback port that answers each request with bytes from a
 // script, for the faults that real servers rarely show. Requests are read
 // whole (Boost.Beast's request parser, chunked bodies included) and kept.
@@ -168,7 +160,6 @@ struct Reply
   std::string bytes;        // sent as they are
   bool close = false;       // close the connection after them
   int delay_ms = 0;         // wait before sending
-  bool read_body = true;    // false: answer after the head only, then close
   long drop_after = -1;     // at this many body bytes: close at once, no answer
 
   /// A whole response with a body of the given type.

@@ -6,16 +6,6 @@
 #error NODE_PEERS_DIR must name tests/http/node
 #endif
 
-std::string plain_get(unsigned short port, const std::string& path)
-{
-  // HTTP/1.0: the body ends with the connection, unchunked.
-  Socket_Client client(port, 10000);
-  if (!client.send("GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n") || !client.read_to_eof())
-    return std::string();
-  size_t at = client.in.find("\r\n\r\n");
-  return at == std::string::npos ? std::string() : client.in.substr(at + 4);
-}
-
 Node_Peer::Node_Peer(const char* script)
   : process_({"node", std::string(NODE_PEERS_DIR) + "/" + script}), port_(process_.port_after("PORT ", 30))
 {
@@ -67,7 +57,7 @@ Nginx_Peer::Nginx_Peer(unsigned short proxy_port, int keepalive_timeout) : port_
     conf << "  }\n}\n";
     conf.close();
     process_.reset(new Child({"nginx", "-p", dir_.path(), "-e", dir_.file("error.log"), "-c", dir_.file("nginx.conf")}));
-    if (wait_listening(port, 10))
+    if (eventually([port] { return Socket_Client(port).connected(); }, 10))
       port_ = port;
   }
   if (!port_)

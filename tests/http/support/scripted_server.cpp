@@ -70,8 +70,6 @@ Reply Reply::cut(const Reply& whole, size_t n)
 
 Scripted_Server::Scripted_Server(std::vector<Reply> replies) : replies_(std::move(replies))
 {
-  if (replies_.empty())
-    replies_.push_back(Reply::json(200, "{}"));
   listener_ = loopback_listener(port_);
   if (listener_ < 0)
     throw std::runtime_error("scripted server: no listening socket");
@@ -138,12 +136,7 @@ void Scripted_Server::serve(int fd, int number)
           break;
         }
         if (parser.is_header_done() && !reply)
-        {
-          int index = heads_++;
-          reply = &replies_[std::min<size_t>(static_cast<size_t>(index), replies_.size() - 1)];
-          if (!reply->read_body)
-            break;
-        }
+          reply = &replies_[std::min<size_t>(static_cast<size_t>(heads_++), replies_.size() - 1)];
         size_t now = parser.get().body().size();
         body_bytes_ += now - seen_body;
         seen_body = now;
@@ -164,19 +157,14 @@ void Scripted_Server::serve(int fd, int number)
       break;
     if (parser.is_done() || reply->drop_after >= 0)
     {
-      Scripted_Request r;
-      const auto& message = parser.get();
-      r.method = std::string(message.method_string());
-      r.target = std::string(message.target());
-      for (const auto& field : message)
+      const auto& in = parser.get();
+      Scripted_Request r{std::string(in.method_string()), std::string(in.target()), {}, in.body(), number};
+      for (const auto& field : in)
       {
-        std::string name = boost::algorithm::to_lower_copy(std::string(field.name_string()));
-        auto added = r.headers.emplace(name, std::string(field.value()));
-        if (!added.second)
-          added.first->second += ", " + std::string(field.value());
+        // Repeated fields are joined, as a list.
+        std::string& value = r.headers[boost::algorithm::to_lower_copy(std::string(field.name_string()))];
+        value += (value.empty() ? "" : ", ") + std::string(field.value());
       }
-      r.body = message.body();
-      r.connection = number;
       std::lock_guard<std::mutex> guard(mutex_);
       requests_.push_back(std::move(r));
     }
@@ -191,7 +179,7 @@ void Scripted_Server::serve(int fd, int number)
     if (reply->delay_ms)
       std::this_thread::sleep_for(std::chrono::milliseconds(reply->delay_ms));
     send_all(fd, reply->bytes);
-    if (reply->close || !reply->read_body || !parser.is_done())
+    if (reply->close || !parser.is_done())
       break;
   }
   shutdown(fd, SHUT_WR);

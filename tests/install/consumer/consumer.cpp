@@ -28,8 +28,7 @@ int main(int argc, char* argv[])
   }
   std::string out;
   YAJL_String_Printer printer(&out);
-  JSON_RPC_Writer writer;
-  if (!writer.write(*reader.object(), printer))
+  if (!JSON_RPC_Writer().write(*reader.object(), printer))
     return 1;
   std::printf("%s\n", out.c_str());
   return 0;
