@@ -154,20 +154,20 @@ namespace
       json_spirit::Object params;
       if (!array_)
       {
-        params.emplace("record", record(0));
+        params.emplace("record", record_tree(0));
         return json_spirit::Value(std::move(params));
       }
       json_spirit::Array items;
       items.reserve(names_.size());
       for (size_t k = 0; k < names_.size(); ++k)
-        items.push_back(record(k));
+        items.push_back(record_tree(k));
       params.emplace("items", json_spirit::Value(std::move(items)));
       return json_spirit::Value(std::move(params));
     }
 
   private:
     // Members in the text's order, each placed as the reader places it.
-    json_spirit::Value record(size_t k) const
+    json_spirit::Value record_tree(size_t k) const
     {
       size_t i = first_ + k;
       json_spirit::Object r;
@@ -607,7 +607,7 @@ namespace
       YAJL_String_Printer printer(&output);
       if (!yajl_pass(*request) || !writer.write(tree, printer))
       {
-        state.SkipWithError("YAJL refused the text");
+        state.SkipWithError("YAJL refused the text, or the writer failed");
         return;
       }
     }
