@@ -264,7 +264,10 @@ TEST_F(Session, TimeoutFromTheEnvironment)
     errno = 12345;
     session.get_timeout_env(t);
     EXPECT_EQ(c.value, t) << c.text;
-    EXPECT_TRUE(c.error < 0 || c.error == errno) << c.text << ": errno " << errno;
+    if (c.error >= 0)
+    {
+      EXPECT_EQ(c.error, errno) << c.text;
+    }
   }
 }
 

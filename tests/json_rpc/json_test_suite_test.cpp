@@ -99,7 +99,10 @@ TEST(JSONTestSuite, NoImplementationDefinedDocumentCrashesEither)
     Outcome o = run(content(name));
     // Both readers agree on each, and the outcome goes in the test log.
     EXPECT_EQ(o.json, o.rpc) << name;
-    EXPECT_TRUE(!o.json || !o.rpc || o.value == o.params) << name;
+    if (o.json && o.rpc)
+    {
+      EXPECT_EQ(o.value, o.params) << name;
+    }
     std::cout << (o.json ? "accepted " : "refused  ") << name << "\n";
   }
 }

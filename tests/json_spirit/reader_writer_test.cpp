@@ -183,7 +183,10 @@ TEST(JSON_Reader, OneReaderReadsDocumentAfterDocumentWhateverCameBefore)
       reader.result(&v);
       bool ok = read_in_pieces(reader, d.first, piece);
       ASSERT_EQ(d.second, ok) << d.first.substr(0, 20);
-      EXPECT_TRUE(!ok || d.first == json_spirit::write_string(v)) << d.first.substr(0, 20);
+      if (ok)
+      {
+        EXPECT_EQ(d.first, json_spirit::write_string(v)) << d.first.substr(0, 20);
+      }
     }
   reader.close();
   EXPECT_FALSE(reader.read("1", 1));
