@@ -150,5 +150,9 @@ int load_json_config(char const* path, JSON_Base_Conf& conf)
   }
   yajl_free(handle);
   std::fclose(file);
+  // A file read well that loads nothing is most likely a mistake (a wrong
+  // key member, an empty array): say so, or the service silently lacks it.
+  if (result == 0 && conf.records() == 0)
+    ACE_DEBUG((LM_WARNING, "Configuration file '%C' holds no record with '%C'.\n", path, conf.key_name().c_str()));
   return result;
 }

@@ -14,7 +14,7 @@ namespace
 
 void retry_sleeper(void (*s)(unsigned int)) { sleeper = s ? s : &sleep_seconds; }
 
-int retry_with_backoff(int retries, int retry_timeout, const std::function<int()>& attempt)
+int retry_with_backoff(int retries, int retry_timeout, const std::function<int()>& attempt, const char* file, int line)
 {
   int counter = 1;
   Exponential_Backoff_Iterator it(1, 4294967295u, 60, true), end;
@@ -30,7 +30,10 @@ int retry_with_backoff(int retries, int retry_timeout, const std::function<int()
     if (!(it != end))
       return 0;
     unsigned int wait = *it;
-    ACE_DEBUG((LM_INFO, "Retry(%d) %N:%l at %u second(s) later.\n", counter, wait));
+    // As ACE_DEBUG does, but with the caller's place for %N:%l.
+    ACE_Log_Msg* log = ACE_Log_Msg::instance();
+    log->conditional_set(file, line, 0, ACE_Log_Msg::last_error_adapter());
+    log->log(LM_INFO, "Retry(%d) %N:%l at %u second(s) later.\n", counter, wait);
     sleeper.load()(wait);
     ++counter;
     ++it;

@@ -127,6 +127,7 @@ TEST(JSON_HTTP_Session, RepeatsFailuresOnTheConnectionOnly)
   EXPECT_EQ((std::vector<unsigned int>{1, 2}), Recorded_Waits::waits);
   EXPECT_EQ(1u, log.count("Retry(1) "));
   EXPECT_EQ(1u, log.count("Retry(2) "));
+  EXPECT_EQ(2u, log.count("json_http_session.cpp:")) << log.text();
   EXPECT_TRUE(log.contains("Failed to receive response from http://127.0.0.1:"));
   EXPECT_TRUE(log.contains("Failed to GET data from JSON http://127.0.0.1:"));
 

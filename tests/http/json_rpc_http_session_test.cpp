@@ -143,6 +143,7 @@ TEST(JSON_RPC_HTTP_Session, BodiesCarryTheirMembersAndOneIdPerCall)
   EXPECT_EQ(3, result.get_obj().at("result").get_int());
   EXPECT_TRUE(log.contains("Failed to POST/PUT data to http://127.0.0.1:"));
   EXPECT_EQ(1u, log.count("Retry(1) "));
+  EXPECT_EQ(1u, log.count("json_rpc_http_session.cpp:")) << log.text();
 
   std::vector<Scripted_Request> seen = server.requests_copy();
   ASSERT_EQ(4u, seen.size());

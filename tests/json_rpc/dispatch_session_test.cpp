@@ -301,6 +301,9 @@ TEST_F(Session, CallHelpersRepeatOnlyUnansweredCallsAndCheckTheResultType)
   fake(channel_).on_send(nullptr);
   EXPECT_TRUE(log.contains("Retry(1) "));
   EXPECT_TRUE(log.contains("Retry(3) "));
+  // The line names the call helper that repeats, not the shared loop.
+  EXPECT_TRUE(log.contains("json_rpc_utils.cpp:")) << log.text();
+  EXPECT_FALSE(log.contains("retry.cpp:")) << log.text();
   EXPECT_FALSE(log.contains("Retry(4) "));
   EXPECT_TRUE(log.contains("JSON-RPC 'silent' failed after 3 retries.\n"));
   EXPECT_EQ("untouched", result.get_str());

@@ -176,6 +176,21 @@ TEST_F(Config_File, SkipsRecordsWithoutKeyAndIgnoresMembersThatAreNoStrings)
   EXPECT_TRUE(cap.contains("Configuration record without 'name' skipped (dll='libx', init='ix').\n"));
 }
 
+TEST_F(Config_File, AFileWithoutRecordsSaysSoOnce)
+{
+  Log_Capture cap;
+  for (const char* content : {"[]", "{}", "// nothing yet\n[]", "{\"method\":\"m\",\"dll\":\"libm\"}"})
+  {
+    cap.clear();
+    EXPECT_EQ(0, load(content));
+    EXPECT_EQ(1u, cap.count("Configuration file '" + path_ + "' holds no record with 'name'.\n")) << content;
+  }
+  // One record is enough to keep it quiet.
+  cap.clear();
+  EXPECT_EQ(0, load("[{\"name\":\"n\"}]"));
+  EXPECT_FALSE(cap.contains("holds no record")) << cap.text();
+}
+
 TEST_F(Config_File, AllowsCommentsAndGoesOnAfterARefusedRecord)
 {
   Recording_Conf conf(&records_);
