@@ -1,4 +1,5 @@
 #include "json_rpc/json_rpc_thread_handler.h"
+#include "json_rpc/json_rpc_answering.h"
 #include "json_rpc/json_rpc_channel.h"
 
 #include <ace/Log_Msg.h>
@@ -49,6 +50,7 @@ ACE_THR_FUNC_RETURN JSON_RPC_Thread_Handler::run(void* arg)
 {
   pthread_setname_np(pthread_self(), "JSONRPCSolo");
   std::unique_ptr<Call_Record> record(static_cast<Call_Record*>(arg));
-  record->handler->handle_object_i(record->channel, record->object);
+  JSON_RPC_Channel_Weak_Ptr channel(record->channel);
+  run_answering(channel, record->object, [&] { return record->handler->handle_object_i(record->channel, record->object); });
   return 0;
 }

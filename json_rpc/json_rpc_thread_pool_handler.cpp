@@ -1,4 +1,5 @@
 #include "json_rpc/json_rpc_thread_pool_handler.h"
+#include "json_rpc/json_rpc_answering.h"
 #include "tessel/thread_helper.h"
 
 #include <ace/Log_Msg.h>
@@ -12,6 +13,8 @@ std::unique_ptr<Thread_Pool_Helper> JSON_RPC_Thread_Pool_Handler::thread_pool_;
 
 namespace
 {
+  thread_local bool refused = false;
+
   // Zero: an absolute time in the past, so a full queue refuses at once.
   ACE_Time_Value no_wait;
 
@@ -75,7 +78,21 @@ int JSON_RPC_Thread_Pool_Handler::handle_object(JSON_RPC_Channel_Weak_Ptr channe
   if (!pool)
   {
     ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, thread_pool_.get() is NULL:\n%?\n"));
+    refused = true;
     return -1;
   }
-  return pool->schedule([this, channel, object] { handle_object_i(channel, object); }, false) >= 1 ? 0 : -1;
+  auto call = [this, channel, object] {
+    run_answering(channel, object, [&] { return handle_object_i(channel, object); });
+  };
+  if (pool->schedule(call, false) >= 1)
+    return 0;
+  refused = true;
+  return -1;
+}
+
+bool JSON_RPC_Thread_Pool_Handler::take_refusal()
+{
+  bool was = refused;
+  refused = false;
+  return was;
 }

@@ -2,7 +2,7 @@
 #include "transport/tcp_framing.h"
 
 #include "json_rpc/json_rpc_channel_map.h"
-#include "json_rpc/json_rpc_dispatcher.h"
+#include "json_rpc/json_rpc_answering.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_spirit/json_spirit_writer.h"
 #include "tessel/spin_wait.h"
@@ -447,15 +447,14 @@ void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
 
 void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
 {
-  JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
   bool answered = false;
-  TCP_Frame_Reader::Handler deliver = [this, dispatcher, &answered](JSON_RPC_Reader& reader) {
+  TCP_Frame_Reader::Handler deliver = [this, &answered](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (object.get())
     {
       answered = answered || is_response(*object);
       if (!options_.forward_responses || !pass_back(object))
-        dispatcher->dispatch(self_, object);
+        dispatch_answering(self_, object);
     }
     else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
       nothing_to_dispatch(peer_);
@@ -494,7 +493,7 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
       std::vector<JSON_RPC_Object_Ptr> objects;
       objects.swap(handed_);
       for (const JSON_RPC_Object_Ptr& object : objects)
-        dispatcher->dispatch(self_, object);
+        dispatch_answering(self_, object);
       if (closing_)
         return;
     }
@@ -670,9 +669,8 @@ bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* 
   // read after it must not overtake it.
   if (!handed_.empty() || lent_end_ != LENT_READING)
     return true;
-  JSON_RPC_Dispatcher* dispatcher = JSON_RPC_Dispatcher::instance();
   bool handing = false;
-  TCP_Frame_Reader::Handler deliver = [this, dispatcher, &handing](JSON_RPC_Reader& reader) {
+  TCP_Frame_Reader::Handler deliver = [this, &handing](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (!object.get())
       nothing_to_dispatch(peer_);
@@ -684,7 +682,7 @@ bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* 
       handing = true;
     }
     else
-      dispatcher->dispatch(self_, object);
+      dispatch_answering(self_, object);
     return !closing_;
   };
   Reading_Mark mark;

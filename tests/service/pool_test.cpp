@@ -5,6 +5,8 @@
 #include "log_capture.h"
 #include "test_util.h"
 
+#include "json_rpc/json_rpc_answering.h"
+#include "json_rpc/json_rpc_dispatcher.h"
 #include "json_rpc/json_rpc_thread_handler.h"
 #include "json_rpc/json_rpc_thread_pool_handler_impl.h"
 #include "tessel/thread_helper.h"
@@ -18,6 +20,8 @@
 #include <climits>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <stdexcept>
 #include <mutex>
 #include <pthread.h>
 #include <set>
@@ -191,6 +195,124 @@ TEST_F(Pool_Handler, FullQueueRefusesTheNextCallAtOnceAndRunsTheRest)
   EXPECT_EQ(0u, handler.ids.count(6)) << "the refused call ran";
   EXPECT_EQ(6u, handler.ids.size());
   EXPECT_EQ("JSONRPC", handler.worker_name);
+}
+
+TEST_F(Pool_Handler, ARefusedRequestIsAnsweredServerBusyAtOnceAndANotificationIsNot)
+{
+  // The table owns what it holds; the fixture's handler is reached through this.
+  struct Via : JSON_RPC_Handler
+  {
+    explicit Via(JSON_RPC_Handler& to) : to_(to) {}
+    int handle_object(JSON_RPC_Channel_Weak_Ptr c, JSON_RPC_Object_Ptr o) override { return to_.handle_object(c, o); }
+    JSON_RPC_Handler& to_;
+  };
+  JSON_RPC_Request_Map::instance()->insert("probe", "", new Via(handler), nullptr);
+  // One worker held, room for one waiting call.
+  auto channel = hold_workers(1, 1);
+  JSON_RPC_Channel_Weak_Ptr weak(channel);
+  ASSERT_EQ(0, dispatch_answering(weak, request(2)));
+  Log_Capture log;
+  EXPECT_EQ(-1, dispatch_answering(weak, request(3)));
+  ASSERT_EQ(1u, fake(channel).count()) << "the refusal is answered before dispatch returns";
+  const JSON_RPC_Object& busy = *fake(channel).sent().back();
+  EXPECT_EQ("error -32000", answer_text(busy));
+  EXPECT_EQ(3, busy.id.get_int());
+  EXPECT_EQ("Server busy", static_cast<const JSON_RPC_Response_Error&>(busy).message);
+  EXPECT_EQ(1u, log.count("JSON-RPC 'probe' by 127.0.0.1:4000 refused: ")) << log.text();
+
+  // A refused notification is only logged; a direct call of the handler
+  // (not through dispatch_answering) is left to its caller, as before.
+  EXPECT_EQ(-1, dispatch_answering(weak, make_message("probe", 1)));
+  EXPECT_EQ(-1, handler.handle_object(weak, request(4)));
+  EXPECT_EQ(1u, fake(channel).count());
+  EXPECT_EQ(2u, log.count(" refused: "));
+
+  gate.add();
+  ASSERT_TRUE(fake(channel).wait_for(3));
+  std::vector<int> answered;
+  for (const auto& sent : fake(channel).sent())
+    answered.push_back(sent->id.get_int());
+  EXPECT_EQ((std::vector<int>{3, 1, 2}), answered);
+  close_singletons();
+}
+
+TEST_F(Pool_Handler, AnExceptionOnAnyThreadBecomesAnInternalErrorAndTheThreadGoesOn)
+{
+  // What every kind of handler does with its params: throw, or echo them.
+  struct Thrower
+  {
+    static void act(JSON_RPC_Channel* channel, const JSON_RPC_Request& request)
+    {
+      const json_spirit::Value& p = request.params;
+      if (p.type() == json_spirit::str_type && p.get_str() == "std")
+        throw std::runtime_error("bad input");
+      if (p.type() == json_spirit::str_type && p.get_str() == "other")
+        throw 42;
+      answer(channel, request, p);
+    }
+  };
+  struct Direct : JSON_RPC_Handler
+  {
+    int handle_object(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      Thrower::act(JSON_RPC_Channel_Strong_Ptr(channel).get(), as_request(object));
+      return 0;
+    }
+  };
+  struct Solo : JSON_RPC_Thread_Handler
+  {
+    int handle_object_i(JSON_RPC_Channel_Strong_Ptr channel, JSON_RPC_Object_Ptr object) override
+    {
+      Thrower::act(channel.get(), as_request(object));
+      return 0;
+    }
+  };
+  struct Pooled : JSON_RPC_Thread_Pool_Handler_Impl
+  {
+    int handle_request(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override
+    {
+      Thrower::act(channel, request);
+      return 0;
+    }
+    int handle_notify(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override
+    {
+      Thrower::act(channel, request);
+      return 0;
+    }
+  };
+  ASSERT_EQ(0, JSON_RPC_Thread_Pool_Handler::activate("JSONRPC", 1, 16, 1));
+  JSON_RPC_Request_Map* map = JSON_RPC_Request_Map::instance();
+  map->insert("direct", "", new Direct, nullptr);
+  map->insert("solo", "", new Solo, nullptr);
+  map->insert("pooled", "", new Pooled, nullptr);
+
+  Log_Capture log;
+  for (const char* method : {"direct", "solo", "pooled"})
+  {
+    auto channel = make_channel();
+    JSON_RPC_Channel_Weak_Ptr weak(channel);
+    // In order on one worker: its throws must not end it.
+    dispatch_answering(weak, make_message(method, "std", 1));
+    dispatch_answering(weak, make_message(method, "other", 2));
+    dispatch_answering(weak, make_message(method, "other")); // a notification: no answer
+    dispatch_answering(weak, make_message(method, "fine", 3));
+    ASSERT_TRUE(fake(channel).wait_for(3)) << method;
+    std::map<int, std::string> answers;
+    for (const auto& sent : fake(channel).sent())
+      answers[sent->id.get_int()] = answer_text(*sent);
+    EXPECT_EQ((std::map<int, std::string>{{1, "error -32603 \"bad input\""},
+                                          {2, "error -32603 \"unknown exception\""},
+                                          {3, "\"fine\""}}),
+              answers)
+      << method;
+  }
+  // The transport thread's exceptions are logged on it, once each.
+  EXPECT_EQ(1u, log.count("JSON-RPC 'direct' by 127.0.0.1:4000 threw: bad input.\n")) << log.text();
+  EXPECT_EQ(2u, log.count("JSON-RPC 'direct' by 127.0.0.1:4000 threw: unknown exception.\n")) << log.text();
+  // The per-call threads are known to ACE until they end, as are the workers.
+  JSON_RPC_Thread_Pool_Handler::deactivate();
+  ACE_Thread_Manager::instance()->wait();
+  close_singletons();
 }
 
 TEST_F(Pool_Handler, DeactivateWaitsForRunningCallsAndDropsQueuedOnes)

@@ -1,0 +1,57 @@
+// Answers in place of handlers that could give none.
+#include "json_rpc/json_rpc_answering.h"
+#include "json_rpc/json_rpc_channel.h"
+#include "json_rpc/json_rpc_dispatcher.h"
+#include "json_rpc/json_rpc_thread_pool_handler.h"
+#include "tessel/peer_addr_string_t.h"
+
+#include <ace/Log_Msg.h>
+
+#include <string>
+
+const char* const json_rpc_server_busy_message = "Server busy";
+
+namespace
+{
+  typedef Peer_Addr_String_T<JSON_RPC_Channel> Peer_Addr_String;
+
+  const std::string& method_of(const JSON_RPC_Object& object)
+  {
+    static const std::string none;
+    bool call = object.type == JSON_RPC_Object::TYPE_REQUEST || object.type == JSON_RPC_Object::TYPE_NOTIFICATION;
+    return call ? static_cast<const JSON_RPC_Request&>(object).method : none;
+  }
+
+  // Logs what happened to the call, naming its method and peer, and sends
+  // the error if the call is a request and the peer is still there.
+  void answer(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, const char* what,
+              int code, const char* message, const json_spirit::Value& data)
+  {
+    JSON_RPC_Channel_Strong_Ptr peer(channel);
+    const JSON_RPC_Object* o = object.get();
+    std::string method = o ? method_of(*o) : std::string();
+    if (peer.null())
+      ACE_ERROR((LM_ERROR, "JSON-RPC '%C' %C; the requester is gone.\n", method.c_str(), what));
+    else
+      ACE_ERROR((LM_ERROR, "JSON-RPC '%C' by %C %C.\n", method.c_str(), Peer_Addr_String(*peer).c_str(), what));
+    if (!peer.null() && o && o->type == JSON_RPC_Object::TYPE_REQUEST)
+      peer->send_error(code, o->id, message, data);
+  }
+}
+
+void answer_exception(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, const char* what)
+{
+  std::string text = what ? what : "unknown exception";
+  answer(channel, object, ("threw: " + text).c_str(), -32603, nullptr, json_spirit::Value(text));
+}
+
+int dispatch_answering(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object)
+{
+  JSON_RPC_Thread_Pool_Handler::take_refusal();
+  int result =
+    run_answering(channel, object, [&] { return JSON_RPC_Dispatcher::instance()->dispatch(channel, object); });
+  if (result == -1 && JSON_RPC_Thread_Pool_Handler::take_refusal())
+    answer(channel, object, "refused: the thread pool is full or has no worker", JSON_RPC_SERVER_BUSY,
+           json_rpc_server_busy_message, json_spirit::Value::null);
+  return result;
+}
