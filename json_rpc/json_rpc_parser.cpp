@@ -43,7 +43,7 @@ namespace
   }
 }
 
-JSON_RPC_Parser::JSON_RPC_Parser() : handle(nullptr), delegate(nullptr), err(ERR_NONE) {}
+JSON_RPC_Parser::JSON_RPC_Parser() : handle(nullptr), delegate(nullptr), err(ERR_NONE), syntax_error_(false) {}
 
 JSON_RPC_Parser::~JSON_RPC_Parser()
 {
@@ -71,6 +71,7 @@ void JSON_RPC_Parser::close()
     handle = nullptr;
   }
   feeder_.reset();
+  syntax_error_ = false;
   callback = EVENT_NONE;
   err = ERR_NONE;
   delegate = nullptr;
@@ -81,9 +82,10 @@ bool JSON_RPC_Parser::read(char const* data, unsigned long long length)
 {
   if (!handle)
     return false;
-  yajl_status status = feeder_.feed(handle, *this, data, length);
+  yajl_status status = feeder_.feed(handle, data, length);
   if (status == yajl_status_ok)
     return true;
+  syntax_error_ = status == yajl_status_error;
   unsigned long long key = levels.empty() ? 0 : levels.back().key;
   unsigned long long parent_key = levels.size() < 2 ? 0 : levels[levels.size() - 2].key;
   YAJL_Error error(handle, true, feeder_.data(), feeder_.length());

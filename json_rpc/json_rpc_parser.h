@@ -66,6 +66,9 @@ public:
   /// Feeds one piece; read(nullptr, 0) finishes the message. A refusal is
   /// logged once and leaves the parser failed until open() or close().
   bool read(char const* data, unsigned long long length);
+  /// True when the last refusal was YAJL's own: the text is no JSON (as
+  /// opposed to JSON that is no acceptable message, which sets err).
+  bool syntax_error() const { return syntax_error_; }
   /// The member gate: passes the value on if the current member is in mask.
   bool handle_any(unsigned int mask, char const* value, unsigned long long length);
 
@@ -94,6 +97,7 @@ private:
   YAJL_Handler* forward_to_delegate() const;
 
   YAJL_Feeder feeder_;
+  bool syntax_error_;
 };
 
 #endif

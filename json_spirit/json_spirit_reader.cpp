@@ -273,7 +273,7 @@ bool JSON_Reader::read(char const* data, unsigned long long length, int verbose)
   if (!handle_)
     return false;
   bool finish = !data || length == 0;
-  yajl_status status = feeder_.feed(handle_, *this, data, length);
+  yajl_status status = feeder_.feed(handle_, data, length);
   if (status != yajl_status_ok)
   {
     YAJL_Error error(handle_, verbose != 0, feeder_.data(), feeder_.length());

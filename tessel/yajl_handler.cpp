@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE), event_count(0) {}
+YAJL_Handler::YAJL_Handler() : callback(EVENT_NONE) {}
 YAJL_Handler::~YAJL_Handler() {}
 
 bool YAJL_Handler::handle_null_i() { return true; }
@@ -26,7 +26,6 @@ namespace
   {
     YAJL_Handler* h = static_cast<YAJL_Handler*>(ctx);
     h->callback = event;
-    ++h->event_count;
     return h;
   }
 
@@ -58,7 +57,7 @@ namespace
 yajl_callbacks const* get_yajl_default_callbacks() { return &default_callbacks; }
 
 YAJL_Feeder::YAJL_Feeder()
-  : carry_fed_(false), quiet_(0), data_(nullptr), length_(0), blocks_(), block_count_(0),
+  : carry_fed_(false), lex_(0), lex_left_(0), odd_blank_(false), data_(nullptr), length_(0), blocks_(), block_count_(0),
     alloc_funcs_{block_malloc, block_realloc, block_free, this}
 {
 }
@@ -137,65 +136,181 @@ void YAJL_Feeder::block_free(void* ctx, void* block)
     std::free(h);
 }
 
+namespace
+{
+  // Where the text stands, token-wise, as YAJL's lexer sees it. Literals
+  // (true, false, null) are short and left out: pieces inside them are fed.
+  enum Lex
+  {
+    LEX_VALUE, // between tokens
+    LEX_STRING,
+    LEX_ESCAPE,
+    LEX_HEX,
+    LEX_UTF8,
+    LEX_MINUS,
+    LEX_ZERO,
+    LEX_INT,
+    LEX_DOT,
+    LEX_FRAC,
+    LEX_EXP,
+    LEX_EXP_SIGN,
+    LEX_EXP_DIGITS,
+    LEX_BROKEN // YAJL will refuse the text: everything is fed from here on
+  };
+
+  bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
+  bool is_hex(unsigned char c) { return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+  // What ends a run of plain string bytes.
+  bool string_stop(unsigned char c) { return c == '"' || c == '\\' || c < 0x20 || c >= 0x80; }
+}
+
 void YAJL_Feeder::reset()
 {
   std::string().swap(carry_);
   carry_fed_ = false;
-  quiet_ = 0;
+  lex_ = LEX_VALUE;
+  lex_left_ = 0;
+  odd_blank_ = false;
   data_ = nullptr;
   length_ = 0;
 }
 
-yajl_status YAJL_Feeder::feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length)
+bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
 {
-  const bool finish = !data || length == 0;
+  bool left = lex_ == LEX_VALUE || lex_ == LEX_BROKEN;
+  while (p < end && lex_ != LEX_BROKEN)
+  {
+    unsigned char c = *p++;
+    int next = lex_;
+    switch (lex_)
+    {
+    case LEX_VALUE:
+      if (c == '"')
+        next = LEX_STRING;
+      else if (c == '-')
+        next = LEX_MINUS;
+      else if (c == '0')
+        next = LEX_ZERO;
+      else if (is_digit(c))
+        next = LEX_INT;
+      else if (c == '\f' || c == '\v')
+        odd_blank_ = true;
+      break;
+    case LEX_STRING:
+      while (!string_stop(c) && p < end)
+        c = *p++;
+      if (!string_stop(c))
+        break;
+      if (c == '"')
+        next = LEX_VALUE;
+      else if (c == '\\')
+        next = LEX_ESCAPE;
+      else if (c < 0x20)
+        next = LEX_BROKEN;
+      else
+      {
+        // A UTF-8 lead byte, checked as YAJL checks it.
+        lex_left_ = (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xe ? 2 : (c >> 3) == 0x1e ? 3 : 0;
+        next = lex_left_ ? LEX_UTF8 : LEX_BROKEN;
+      }
+      break;
+    case LEX_ESCAPE:
+      if (c == 'u')
+      {
+        lex_left_ = 4;
+        next = LEX_HEX;
+      }
+      else
+        next = c && std::strchr("\"\\/bfnrt", c) ? LEX_STRING : LEX_BROKEN;
+      break;
+    case LEX_HEX:
+      next = !is_hex(c) ? LEX_BROKEN : --lex_left_ ? LEX_HEX : LEX_STRING;
+      break;
+    case LEX_UTF8:
+      next = (c >> 6) != 0x2 ? LEX_BROKEN : --lex_left_ ? LEX_UTF8 : LEX_STRING;
+      break;
+    case LEX_MINUS:
+      next = c == '0' ? LEX_ZERO : is_digit(c) ? LEX_INT : LEX_BROKEN;
+      break;
+    case LEX_DOT:
+      next = is_digit(c) ? LEX_FRAC : LEX_BROKEN;
+      break;
+    case LEX_EXP:
+      next = c == '+' || c == '-' ? LEX_EXP_SIGN : is_digit(c) ? LEX_EXP_DIGITS : LEX_BROKEN;
+      break;
+    case LEX_EXP_SIGN:
+      next = is_digit(c) ? LEX_EXP_DIGITS : LEX_BROKEN;
+      break;
+    default: // LEX_ZERO, LEX_INT, LEX_FRAC, LEX_EXP_DIGITS: a number that may go on
+      if (is_digit(c) && lex_ != LEX_ZERO)
+        break;
+      if (c == '.' && (lex_ == LEX_ZERO || lex_ == LEX_INT))
+        next = LEX_DOT;
+      else if ((c == 'e' || c == 'E') && lex_ != LEX_EXP_DIGITS)
+        next = LEX_EXP;
+      else
+      {
+        // The number ends before c, which is looked at again.
+        --p;
+        next = LEX_VALUE;
+      }
+    }
+    left = left || next == LEX_VALUE || next == LEX_BROKEN;
+    lex_ = next;
+  }
+  return left;
+}
+
+yajl_status YAJL_Feeder::parse(yajl_handle handle, char const* data, unsigned long long length)
+{
+  if (odd_blank_)
+  {
+    // YAJL takes form feed and vertical tab for blanks, which JSON does
+    // not: in their place it meets a character it refuses where it stands.
+    if (data != carry_.data())
+      carry_.assign(data, length);
+    std::replace(carry_.begin(), carry_.end(), '\f', '\x01');
+    std::replace(carry_.begin(), carry_.end(), '\v', '\x01');
+    data = carry_.data();
+    odd_blank_ = false;
+  }
+  carry_fed_ = data == carry_.data();
+  data_ = data;
+  length_ = length;
+  return yajl_parse(handle, reinterpret_cast<const unsigned char*>(data), length);
+}
+
+yajl_status YAJL_Feeder::feed(yajl_handle handle, char const* data, unsigned long long length)
+{
   if (carry_fed_)
   {
     carry_.clear();
     carry_fed_ = false;
   }
-  if (!finish && quiet_ > 0)
-  {
-    // Probably inside a token: gather until feeding costs YAJL no more
-    // than twice what it gets.
-    carry_.append(data, length);
-    if (carry_.size() < quiet_)
-    {
-      data_ = nullptr;
-      length_ = 0;
-      return yajl_status_ok;
-    }
-  }
-  if (!carry_.empty())
-  {
-    data = carry_.data();
-    length = carry_.size();
-    carry_fed_ = true;
-  }
-  if (data && length && (std::memchr(data, '\f', length) || std::memchr(data, '\v', length)))
-  {
-    // YAJL takes form feed and vertical tab for blanks, which JSON does
-    // not; raw in a string they are as wrong. Any other control character
-    // makes YAJL refuse the text where it stands.
-    if (!carry_fed_)
-    {
-      carry_.assign(data, length);
-      carry_fed_ = true;
-    }
-    std::replace(carry_.begin(), carry_.end(), '\f', '\x01');
-    std::replace(carry_.begin(), carry_.end(), '\v', '\x01');
-    data = carry_.data();
-  }
-  data_ = data;
-  length_ = data ? length : 0;
   yajl_status status = yajl_status_ok;
   if (data && length)
   {
-    const unsigned long long before = handler.event_count;
-    status = yajl_parse(handle, reinterpret_cast<const unsigned char*>(data), length);
-    quiet_ = handler.event_count == before ? quiet_ + length : 0;
+    const unsigned char* text = reinterpret_cast<const unsigned char*>(data);
+    if (!scan(text, text + length))
+    {
+      // Inside one token from end to end: YAJL would only read it again.
+      carry_.append(data, length);
+      data_ = nullptr;
+      length_ = 0;
+      return status;
+    }
+    if (!carry_.empty())
+    {
+      carry_.append(data, length);
+      data = carry_.data();
+      length = carry_.size();
+    }
+    return parse(handle, data, length);
   }
-  if (finish && status == yajl_status_ok)
+  // A text may end inside a number that is kept here.
+  if (!carry_.empty())
+    status = parse(handle, carry_.data(), carry_.size());
+  if (status == yajl_status_ok)
   {
     status = yajl_complete_parse(handle);
     if (status != yajl_status_ok)

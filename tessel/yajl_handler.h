@@ -45,20 +45,20 @@ public:
   virtual bool handle_end_array_i();
 
   unsigned int callback;
-  /// Events delivered so far, counted by the same callbacks.
-  unsigned long long event_count;
 };
 
 /// Callback table that routes every event to the YAJL_Handler given as the
 /// parser's context. Numbers arrive as raw text through handle_number_i.
 TESSEL_EXPORT yajl_callbacks const* get_yajl_default_callbacks();
 
-/// Hands pieces of input to yajl_parse in linear time. YAJL reads the
-/// buffered start of an unfinished token again on every call, so a long
-/// string fed in small pieces would cost time quadratic in its length.
-/// While the pieces bring no event, they are gathered here until there is
-/// as much as YAJL holds, and then fed at once. Events come in the same
-/// order, only later.
+/// Hands pieces of input to yajl_parse as they come, in linear time.
+/// YAJL reads the buffered start of an unfinished token again on every
+/// call, so a long string fed in small pieces would cost time quadratic in
+/// its length. The feeder follows where the text stands between tokens:
+/// a piece that lies wholly inside one token (and so could bring no event
+/// and no error) is kept, and fed with the piece that ends the token. Every
+/// other piece goes to YAJL at once, so events fire and syntax errors show
+/// in the call that feeds the bytes they need.
 class TESSEL_EXPORT YAJL_Feeder
 {
 public:
@@ -66,25 +66,32 @@ public:
   ~YAJL_Feeder();
   YAJL_Feeder(const YAJL_Feeder&) = delete;
   YAJL_Feeder& operator=(const YAJL_Feeder&) = delete;
-  /// Drops what was gathered; for a new parse handle.
+  /// Forgets the text so far; for a new parse handle.
   void reset();
   /// A parse handle with the default callbacks and handler as their
   /// context. A parser opens one per message: the handle's few small
   /// blocks come from those the last handle freed instead of from malloc.
   /// It must be freed before the feeder.
   yajl_handle alloc_handle(YAJL_Handler& handler);
-  /// Feeds one piece to handle, whose context is handler; data null or
-  /// length 0 finishes the parse with yajl_complete_parse.
-  yajl_status feed(yajl_handle handle, YAJL_Handler& handler, char const* data, unsigned long long length);
+  /// Feeds one piece to handle; data null or length 0 finishes the parse
+  /// with yajl_complete_parse.
+  yajl_status feed(yajl_handle handle, char const* data, unsigned long long length);
   /// The text of the last yajl_parse call, for YAJL_Error; null after a
   /// failed yajl_complete_parse.
   char const* data() const { return data_; }
   unsigned long long length() const { return length_; }
 
 private:
-  std::string carry_;
+  /// Follows the lexical state through a piece: true unless the piece
+  /// starts inside a token and ends inside the same one.
+  bool scan(const unsigned char* p, const unsigned char* end);
+  yajl_status parse(yajl_handle handle, char const* data, unsigned long long length);
+
+  std::string carry_; // pieces inside one token, not yet fed
   bool carry_fed_;
-  unsigned long long quiet_; // bytes fed since the last event
+  int lex_;
+  int lex_left_;     // hex digits or UTF-8 continuation bytes still due
+  bool odd_blank_;   // a form feed or vertical tab between tokens
   char const* data_;
   unsigned long long length_;
 

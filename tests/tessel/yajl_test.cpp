@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -62,14 +63,19 @@ TEST(YAJL_Error, QuotesTheTextAroundTheFault)
   EXPECT_STREQ("", YAJL_Error(nullptr, true, nullptr, 0).c_str());
 }
 
-TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
+namespace
 {
+  // Writes down every event, strings by length.
   struct Recorder : YAJL_Handler
   {
     std::string seen;
     bool handle_null_i() override { return note("n"); }
+    bool handle_boolean_i(bool v) override { return note(v ? "t" : "f"); }
     bool handle_number_i(char const* t, unsigned long long n) override { return note(std::string(t, n)); }
-    bool handle_string_i(char const*, unsigned long long n) override { return note(std::to_string(n)); }
+    bool handle_string_i(char const*, unsigned long long n) override { return note("s" + std::to_string(n)); }
+    bool handle_map_key_i(char const*, unsigned long long n) override { return note("k" + std::to_string(n)); }
+    bool handle_start_map_i() override { return note("{"); }
+    bool handle_end_map_i() override { return note("}"); }
     bool handle_start_array_i() override { return note("["); }
     bool handle_end_array_i() override { return note("]"); }
     bool note(const std::string& s)
@@ -78,19 +84,85 @@ TEST(YAJL_Feeder, GathersPiecesInsideALongTokenAndLosesNothing)
       return true;
     }
   };
-  const std::string text = "[1, \"" + std::string(1 << 20, 'x') + "\", 22, null]";
+
+  // What YAJL itself makes of a prefix given in one call: the most events
+  // any feeding can have fired by then, and whether the text is refused.
+  struct Whole
+  {
+    std::string seen;
+    bool refused;
+  };
+
+  Whole whole(std::string prefix)
+  {
+    // JSON has no form feed or vertical tab between tokens, which YAJL takes.
+    std::replace(prefix.begin(), prefix.end(), '\f', '\x01');
+    std::replace(prefix.begin(), prefix.end(), '\v', '\x01');
+    Recorder r;
+    yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
+    bool refused = yajl_parse(h, reinterpret_cast<const unsigned char*>(prefix.data()), prefix.size()) != yajl_status_ok;
+    yajl_free(h);
+    return Whole{r.seen, refused};
+  }
+}
+
+TEST(YAJL_Feeder, EachEventFiresAndEachErrorShowsInTheCallThatFeedsItsBytes)
+{
+  const std::string good[] = {
+    "{\"k\":[1,-0.5e+3,0,10E2,\"a\\\"b\\u00e9\\n\",\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\",true,false,null,{}],\"z\":-7}",
+    "[123456789, \"" + std::string(300, 'x') + "\", 0.25]",
+  };
+  // Each refused where YAJL refuses it: in a long string, in a number.
+  const std::string bad[] = {
+    "[\"" + std::string(200, 'x') + "\\q\"]",
+    "[\"" + std::string(200, 'x') + "\\u12g4\"]",
+    "[\"" + std::string(200, 'x') + "\x01\"]",
+    "[\"" + std::string(200, 'x') + "\xC3(\"]",
+    "[\"" + std::string(200, 'x') + "\xFF\"]",
+    "[-x]", "[1.e5]", "[1e+]", "[12\f]", "[1,\v2]",
+  };
+  for (const std::string* texts : {good, bad})
+    for (size_t t = 0; t < (texts == good ? std::size(good) : std::size(bad)); ++t)
+    {
+      const std::string& text = texts[t];
+      SCOPED_TRACE(text.substr(0, 40));
+      Recorder r;
+      YAJL_Feeder feeder;
+      yajl_handle h = feeder.alloc_handle(r);
+      size_t i = 0;
+      for (; i < text.size(); ++i)
+      {
+        bool ok = feeder.feed(h, &text[i], 1) == yajl_status_ok;
+        Whole w = whole(text.substr(0, i + 1));
+        ASSERT_EQ(w.refused, !ok) << "after byte " << i;
+        if (!ok)
+          break;
+        ASSERT_EQ(w.seen, r.seen) << "after byte " << i;
+      }
+      if (texts == good)
+        EXPECT_EQ(yajl_status_ok, feeder.feed(h, nullptr, 0));
+      else
+        EXPECT_LT(i, text.size()) << "never refused";
+      yajl_free(h);
+    }
+}
+
+TEST(YAJL_Feeder, ALongTokenFedInSmallPiecesReachesYAJLInFewCalls)
+{
+  const std::string text = "[1, \"" + std::string(1 << 20, 'x') + "\", 22, " + std::string(1 << 16, '7') + ", null]";
   Recorder r;
-  yajl_handle h = yajl_alloc(get_yajl_default_callbacks(), nullptr, &r);
   YAJL_Feeder feeder;
+  yajl_handle h = feeder.alloc_handle(r);
   unsigned int parse_calls = 0;
   for (char c : text)
   {
-    ASSERT_EQ(yajl_status_ok, feeder.feed(h, r, &c, 1));
+    ASSERT_EQ(yajl_status_ok, feeder.feed(h, &c, 1));
     parse_calls += feeder.data() != nullptr;
   }
-  ASSERT_EQ(yajl_status_ok, feeder.feed(h, r, nullptr, 0));
-  EXPECT_EQ("[ 1 1048576 22 n ] ", r.seen);
-  // A million single bytes reach YAJL in a few growing pieces.
-  EXPECT_LT(parse_calls, 64u);
+  ASSERT_EQ(yajl_status_ok, feeder.feed(h, nullptr, 0));
+  EXPECT_EQ("[ 1 s1048576 22 " + std::string(1 << 16, '7') + " n ] ", r.seen);
+  // Only the bytes between the long tokens, and their ends, are fed alone:
+  // each token's inside is read by YAJL once.
+  EXPECT_LT(parse_calls, 40u);
   yajl_free(h);
 }
