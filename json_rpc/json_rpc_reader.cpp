@@ -69,6 +69,26 @@ void JSON_RPC_Reader::release_delegate()
 
 void JSON_RPC_Reader::channel(JSON_RPC_Channel_Weak_Ptr channel) { channel_ = channel; }
 
+JSON_RPC_Object_Ptr JSON_RPC_Reader::refusal() const
+{
+  JSON_RPC_Response_Error* error = new (std::nothrow) JSON_RPC_Response_Error;
+  if (!error)
+  {
+    errno = ENOMEM;
+    return JSON_RPC_Object_Ptr();
+  }
+  if (syntax_error())
+    error->code = -32700;
+  else if (err == ERR_STRUCTURE || err == ERR_CODE || err == ERR_MEMBER || err == ERR_EVENT)
+    error->code = -32600;
+  else
+    error->code = -32603;
+  error->message = json_rpc_error_message(error->code);
+  if (state_ != STATE_FORWARDING)
+    error->id = id_;
+  return JSON_RPC_Object_Ptr(error);
+}
+
 void JSON_RPC_Reader::request_channel(JSON_RPC_Channel_Strong_Ptr channel) { request_channel_ = channel; }
 
 namespace
@@ -158,6 +178,8 @@ bool JSON_RPC_Reader::handle_id_i(char const* value, unsigned long long length)
   case EVENT_NUMBER:
     if (!json_spirit::number_to_value(value, length, id_) || id_.type() != json_spirit::int_type)
     {
+      // A refused id is no id to answer under.
+      id_ = Value::null;
       err = ERR_EVENT;
       return false;
     }

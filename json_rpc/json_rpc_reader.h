@@ -60,6 +60,14 @@ public:
   bool handled_indirectly() const { return handled_indirectly_; }
   /// The id read so far; once a response is forwarded, the requester's.
   const json_spirit::Value& id() const { return id_; }
+  /// The answer to the message that read() just refused: -32700 "Parse
+  /// error" for text that is no JSON, -32600 "Invalid Request" for JSON
+  /// that is no acceptable message (an unknown member, a batch, a wrong
+  /// type), -32603 when the reader itself failed; under the message's id if
+  /// it was read before the refusal, else null (also for a response that
+  /// was being forwarded: its id is not the peer's). Call it before the
+  /// reader is opened, closed or cleared again.
+  JSON_RPC_Object_Ptr refusal() const;
   void channel(JSON_RPC_Channel_Weak_Ptr channel);
   JSON_RPC_Channel_Strong_Ptr request_channel() { return request_channel_; }
   void request_channel(JSON_RPC_Channel_Strong_Ptr channel);

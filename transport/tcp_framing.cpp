@@ -63,17 +63,29 @@ TCP_Frame_Reader::TCP_Frame_Reader(const TCP_Options& options, JSON_RPC_Channel_
 
 TCP_Frame_Reader::~TCP_Frame_Reader() {}
 
-void TCP_Frame_Reader::close()
+void TCP_Frame_Reader::close() { let_go("Internal error, forwarder is closed."); }
+
+void TCP_Frame_Reader::let_go(const char* answer)
 {
   // A response that breaks off in the middle of its forward: its requester
   // must not wait for the rest. The reader still holds the requester's lock.
   JSON_RPC_Channel_Strong_Ptr requester = reader_.request_channel();
   TCP_Channel* tcp = reader_.state() == JSON_RPC_Reader::STATE_FORWARDING ? TCP_Channel::cast(requester) : nullptr;
-  bool answer = tcp && !tcp->abandon_message();
+  bool answer_requester = tcp && !tcp->abandon_message();
   json_spirit::Value id = reader_.id();
   reader_.close();
-  if (answer)
-    requester->send_error(-32603, id, "Internal error, forwarder is closed.", json_spirit::Value::null);
+  if (answer_requester)
+    requester->send_error(-32603, id, answer, json_spirit::Value::null);
+}
+
+void TCP_Frame_Reader::refused()
+{
+  // The answer is taken before the reader lets go of what it saw.
+  JSON_RPC_Object_Ptr answer = reader_.refusal();
+  let_go(nullptr);
+  JSON_RPC_Channel_Strong_Ptr channel(channel_);
+  if (answer.get() && !channel.null())
+    channel->send_object(answer);
 }
 
 int TCP_Frame_Reader::fail(std::string what)
@@ -140,7 +152,10 @@ int TCP_Frame_Reader::finish(const Handler& handler)
 {
   state_ = STATE_IDLE;
   if (!reader_.read(nullptr, 0))
-    return fail("message refused by the reader");
+  {
+    refused();
+    return 0;
+  }
   bool go_on = handler(reader_);
   // The reader's hold on the message goes now, not when the next one
   // starts: freeing it then would delay that message.
@@ -210,6 +225,7 @@ int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handl
     }
 
     case STATE_BODY:
+    case STATE_SKIP:
     {
       size_t take;
       const char* nl = nullptr;
@@ -227,13 +243,18 @@ int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handl
       if (max_message_size_ && body_bytes_ > max_message_size_)
         return fail("message exceeds the limit of " + std::to_string(max_message_size_) + " bytes");
       // A zero length would end the parse: only finish() may do that.
-      if (take && !reader_.read(p, take))
-        return fail("message refused by the reader");
+      if (take && state_ == STATE_BODY && !reader_.read(p, take))
+      {
+        refused();
+        state_ = STATE_SKIP;
+      }
       p += take;
       bool done = framing_ == TCP_Options::FRAMING_CONTENT_LENGTH ? body_bytes_ == length_ : nl != nullptr;
       if (nl)
         ++p;
-      if (done)
+      if (done && state_ == STATE_SKIP)
+        state_ = STATE_IDLE;
+      else if (done)
       {
         int r = finish(handler);
         if (r != 0)

@@ -13,6 +13,12 @@
 /// as its bytes arrive: a message is never collected as one text. With
 /// Content-Length framing the body bytes are counted down; with NDJSON the
 /// stream is split at newlines.
+///
+/// A message that the reader refuses while its framing holds is answered
+/// on the channel with the reader's refusal() (-32700 or -32600), the rest
+/// of it is skipped, and the stream reads on. Only broken framing (a bad or
+/// oversized header, a bad length, a message past max_message_size) makes
+/// the stream unreadable.
 class JSON_RPC_TCP_EXPORT TCP_Frame_Reader
 {
 public:
@@ -30,7 +36,7 @@ public:
   int feed(const char* data, size_t length, const Handler& handler);
 
   /// True from the first byte of a message (header included) to its end.
-  bool in_message() const { return state_ == STATE_HEADER || state_ == STATE_BODY; }
+  bool in_message() const { return state_ == STATE_HEADER || state_ == STATE_BODY || state_ == STATE_SKIP; }
   /// When the current message began.
   std::chrono::steady_clock::time_point started() const { return started_; }
   const std::string& error() const { return error_; }
@@ -46,6 +52,8 @@ private:
     STATE_IDLE,
     STATE_HEADER,
     STATE_BODY,
+    // The rest of a refused message.
+    STATE_SKIP,
     STATE_FAILED
   };
 
@@ -53,6 +61,8 @@ private:
   bool open_reader();
   bool header_line();
   int finish(const Handler& handler);
+  void refused();
+  void let_go(const char* answer);
   int fail(std::string what);
   bool refuse(std::string what);
 

@@ -1,5 +1,7 @@
 // What goes over the wire: both framings, fed in every cut, and bad input.
 #include "tcp_test_support.h"
+#include "../json_rpc/rpc_test_util.h"
+#include "transport/tcp_framing.h"
 
 #include <gtest/gtest.h>
 
@@ -87,6 +89,13 @@ namespace
     ASSERT_TRUE(peer.read_until(response(3)));
     EXPECT_EQ(response(1) + "\n" + response(2) + "\n" + response(3) + "\n", peer.in);
     EXPECT_TRUE(log.contains("message with nothing to dispatch ignored."));
+    // A refused line is answered, and the connection reads on.
+    peer.in.clear();
+    ASSERT_TRUE(peer.send("[1]\n" + request(4) + "\n"));
+    ASSERT_TRUE(peer.read_until(response(4)));
+    EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32600,\"message\":\"Invalid Request\"}}\n" +
+                response(4) + "\n",
+              peer.in);
   }
 
   struct Bad_Input
@@ -96,10 +105,9 @@ namespace
     std::string logged;
   };
 
-  TEST_F(Wire, BadInputIsAnsweredWithParseErrorAndClosesOnlyThatConnection)
+  TEST_F(Wire, BrokenFramingIsAnsweredWithParseErrorAndClosesOnlyThatConnection)
   {
     const std::string too_big = request(1, "[\"" + std::string(1024 * 1024, 'b') + "\"]");
-    const std::string refused = "message refused by the reader";
     const Bad_Input cases[] = {
       {TCP_Options::FRAMING_CONTENT_LENGTH, "X-Pad: " + std::string(9000, 'a'), "header larger than 8192 bytes"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 1x\r\n\r\n{}", "bad Content-Length \"1x\""},
@@ -109,12 +117,7 @@ namespace
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Type: a/b\r\n\r\n{}", "no Content-Length header"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, "Content-Length: 2\r\nContent-Length: 3\r\n\r\n", "conflicting"},
       {TCP_Options::FRAMING_CONTENT_LENGTH, request(1) + "\r\n", "malformed header line"},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1.5,\"method\":\"m\"}"), refused},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame("{\"id\":1,\"method\":\"echo\""), refused},
-      {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(""), refused},
       {TCP_Options::FRAMING_CONTENT_LENGTH, content_length_frame(too_big), "exceeds the limit of 1048576"},
-      {TCP_Options::FRAMING_NDJSON, "{\"id\":1,]\n", refused},
-      {TCP_Options::FRAMING_NDJSON, request(1) + request(2) + "\n", refused},
       {TCP_Options::FRAMING_NDJSON, too_big + "\n", "exceeds the limit of 1048576"},
     };
     TCP_Options::Framing framing = TCP_Options::FRAMING_CONTENT_LENGTH;
@@ -207,4 +210,85 @@ namespace
                            [](const ::testing::TestParamInfo<TCP_Options::Framing>& info) {
                              return info.param == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "ContentLength";
                            });
+}
+
+namespace
+{
+  // What a frame reader makes of a stream: the messages it delivers, and
+  // the answers it sends to refused ones, in order.
+  std::string frames_of(TCP_Options::Framing framing, const std::vector<std::string>& pieces)
+  {
+    JSON_RPC_Channel_Strong_Ptr channel = make_channel();
+    TCP_Options options;
+    options.framing = framing;
+    TCP_Frame_Reader frames(options, JSON_RPC_Channel_Weak_Ptr(channel));
+    std::string out;
+    size_t answered = 0;
+    auto answers = [&] {
+      std::vector<JSON_RPC_Object_Ptr> sent = fake(channel).sent();
+      for (; answered < sent.size(); ++answered)
+        out += "answer " + write_object(*sent[answered]) + "\n";
+    };
+    TCP_Frame_Reader::Handler deliver = [&](JSON_RPC_Reader& reader) {
+      answers();
+      out += "message " + (reader.object().get() ? write_object(*reader.object()) : std::string("none")) + "\n";
+      return true;
+    };
+    for (const std::string& piece : pieces)
+      if (frames.feed(piece.data(), piece.size(), deliver) != 0)
+        return out + "failed: " + frames.error();
+    answers();
+    return out + (frames.in_message() ? "in a message" : "");
+  }
+
+  TEST(Frame_Reader, RefusedMessagesAreAnsweredAndTheStreamReadsOnAtEverySplit)
+  {
+    Log_Capture log;
+    const std::string error_head = "{\"jsonrpc\":\"2.0\",\"id\":";
+    auto error = [&](const std::string& id, int code, const char* message) {
+      return "answer " + error_head + id + ",\"error\":{\"code\":" + std::to_string(code) + ",\"message\":\"" +
+             message + "\"}}\n";
+    };
+    auto message = [](const std::string& text) { return "message " + text + "\n"; };
+    struct Refusal
+    {
+      std::string body;
+      std::string answer;
+    };
+    const Refusal refusals[] = {
+      // Not JSON: the id read before the fault is kept.
+      {"{\"jsonrpc\":\"2.0\",\"id\":4,]", error("4", -32700, "Parse error")},
+      {"{\"id\":5,\"method\":\"echo\"", error("5", -32700, "Parse error")},
+      {"", error("null", -32700, "Parse error")},
+      {request(6) + request(7), error("6", -32700, "Parse error")},
+      // JSON, but no acceptable message.
+      {"[" + request(8) + "]", error("null", -32600, "Invalid Request")},
+      {"{\"jsonrpc\":\"2.0\",\"id\":9,\"method\":\"echo\",\"extra\":1}", error("9", -32600, "Invalid Request")},
+      {"{\"jsonrpc\":\"2.0\",\"id\":10,\"method\":7}", error("10", -32600, "Invalid Request")},
+      {"{\"id\":1.5,\"method\":\"m\"}", error("null", -32600, "Invalid Request")},
+      {"{\"jsonrpc\":\"2.0\",\"id\":11,\"result\":1,\"method\":\"m\"}", error("11", -32600, "Invalid Request")},
+    };
+    for (TCP_Options::Framing framing : {TCP_Options::FRAMING_CONTENT_LENGTH, TCP_Options::FRAMING_NDJSON})
+      for (const Refusal& refusal : refusals)
+      {
+        // An NDJSON line can't be empty: blank lines are skipped.
+        if (framing == TCP_Options::FRAMING_NDJSON && refusal.body.empty())
+          continue;
+        auto frame = [&](const std::string& body) {
+          return framing == TCP_Options::FRAMING_NDJSON ? body + "\n" : content_length_frame(body);
+        };
+        const std::string stream = frame(request(1)) + frame(refusal.body) + frame(request(2));
+        const std::string expected = message(request(1)) + refusal.answer + message(request(2));
+        for (size_t cut = 0; cut <= stream.size(); ++cut)
+        {
+          SCOPED_TRACE(stream.substr(0, cut) + "|" + stream.substr(cut));
+          ASSERT_EQ(expected, frames_of(framing, {stream.substr(0, cut), stream.substr(cut)}));
+        }
+      }
+    // Broken framing still ends the stream, wherever it is cut.
+    const std::string broken = content_length_frame(request(1)) + "Content-Length: x\r\n\r\n" + request(2);
+    for (size_t cut = 0; cut <= broken.size(); ++cut)
+      ASSERT_EQ(message(request(1)) + "failed: bad Content-Length \"x\"",
+                frames_of(TCP_Options::FRAMING_CONTENT_LENGTH, {broken.substr(0, cut), broken.substr(cut)}));
+  }
 }
