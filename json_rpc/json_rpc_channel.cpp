@@ -1,6 +1,7 @@
 #include "json_rpc/json_rpc_channel.h"
 
 #include <ace/Guard_T.h>
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -79,4 +80,33 @@ void send_if_alive(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Obje
   JSON_RPC_Channel_Strong_Ptr peer(channel);
   if (!peer.null())
     peer->send_object(object);
+}
+
+JSON_RPC_Wait_List::JSON_RPC_Wait_List() : error_(0) {}
+
+bool JSON_RPC_Wait_List::enter(JSON_RPC_Response_Wait& wait)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  if (error_ && !wait.done())
+  {
+    errno = error_;
+    return false;
+  }
+  waits_.push_back(&wait);
+  return true;
+}
+
+void JSON_RPC_Wait_List::leave(JSON_RPC_Response_Wait& wait)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  waits_.erase(std::find(waits_.begin(), waits_.end(), &wait));
+}
+
+void JSON_RPC_Wait_List::end(int error)
+{
+  ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+  error_ = error;
+  // Each wait stays valid while it is entered, and leave() takes the lock.
+  for (JSON_RPC_Response_Wait* wait : waits_)
+    wait->fail(error);
 }

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 class ACE_Time_Value;
 class JSON_Generator;
@@ -25,11 +26,40 @@ public:
   /// True once the response is in.
   virtual bool done() const = 0;
   /// Sleeps until the response is in (true) or deadline, absolute and null
-  /// for none, has passed (false, errno ETIME).
+  /// for none, has passed (false, errno ETIME), or the wait has failed
+  /// (false, with the errno that fail() gave).
   virtual bool wait(const ACE_Time_Value* deadline) = 0;
+  /// Ends the wait without a response unless the response is in already;
+  /// wakes the waiter. For a transport whose connection is gone.
+  virtual void fail(int error) = 0;
 
 protected:
   ~JSON_RPC_Response_Wait() {}
+};
+
+/// The calls that wait for their responses over one connection. A
+/// transport enters each wait for as long as wait_response runs, and ends
+/// them all when its connection ends, so that callers fail at once with an
+/// errno that says so instead of waiting out their time limits.
+class JSON_RPC_EXPORT JSON_RPC_Wait_List
+{
+public:
+  JSON_RPC_Wait_List();
+  JSON_RPC_Wait_List(const JSON_RPC_Wait_List&) = delete;
+  JSON_RPC_Wait_List& operator=(const JSON_RPC_Wait_List&) = delete;
+
+  /// False, with errno set, if the connection has ended and the response
+  /// is not in: the wait is not entered then.
+  bool enter(JSON_RPC_Response_Wait& wait);
+  void leave(JSON_RPC_Response_Wait& wait);
+  /// The connection has ended with error (ECONNRESET, ECONNABORTED...):
+  /// fails the waits entered, and every later enter().
+  void end(int error);
+
+private:
+  ACE_Thread_Mutex lock_;
+  std::vector<JSON_RPC_Response_Wait*> waits_;
+  int error_;
 };
 
 /// The library's view of one connected peer. Transports derive from it and

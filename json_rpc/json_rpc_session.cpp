@@ -36,7 +36,7 @@ namespace
   class JSON_RPC_Future_Handler : public JSON_RPC_Handler, public JSON_RPC_Response_Wait
   {
   public:
-    JSON_RPC_Future_Handler() : state_(PENDING) {}
+    JSON_RPC_Future_Handler() : state_(PENDING), error_(0) {}
 
     int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
     {
@@ -59,6 +59,16 @@ namespace
     bool done() const override { return state_.load() == SET; }
     bool wait(const ACE_Time_Value* deadline) override { return wait_set(deadline); }
 
+    void fail(int error) override
+    {
+      error_.store(error);
+      int state = state_.load();
+      while (state != SET && state != FAILED && !state_.compare_exchange_weak(state, FAILED))
+        ;
+      if (state == SLEEPING)
+        futex(&state_, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr);
+    }
+
     ACE_Future<JSON_RPC_Object_Ptr> future;
 
   private:
@@ -66,7 +76,8 @@ namespace
     {
       PENDING,
       SLEEPING,
-      SET
+      SET,
+      FAILED
     };
 
     // False with errno ETIME once deadline (absolute, null: none) passed.
@@ -79,8 +90,8 @@ namespace
         ACE_Time_Value left = *deadline - ACE_OS::gettimeofday();
         limit = std::chrono::microseconds(left < ACE_Time_Value::zero ? 0 : left.sec() * 1000000 + left.usec());
       }
-      if (spin.spin([this] { return state_.load() == SET; }, limit))
-        return true;
+      if (spin.spin([this] { return state_.load() >= SET; }, limit))
+        return settled();
       struct timespec at;
       if (deadline)
       {
@@ -90,14 +101,14 @@ namespace
       for (;;)
       {
         int state = state_.load();
-        if (state == SET)
-          return true;
+        if (state >= SET)
+          return settled();
         if (state == PENDING && !state_.compare_exchange_strong(state, SLEEPING))
           continue;
         // Woken, interrupted or the flag moved on: look again.
         if (futex(&state_, FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME, SLEEPING, deadline ? &at : nullptr) ==
               -1 &&
-            errno == ETIMEDOUT && state_.load() != SET)
+            errno == ETIMEDOUT && state_.load() < SET)
         {
           errno = ETIME;
           return false;
@@ -105,7 +116,17 @@ namespace
       }
     }
 
+    // True once set; false with the errno of fail() once failed.
+    bool settled()
+    {
+      if (state_.load() == SET)
+        return true;
+      errno = error_.load();
+      return false;
+    }
+
     std::atomic<int> state_;
+    std::atomic<int> error_;
   };
 
   // Removes the pending entry on every way out of a call; id outlives it.
@@ -121,7 +142,10 @@ namespace
   {
     if (handler->get(channel, response, deadline) != 0)
     {
-      ACE_ERROR((LM_ERROR, "Failed to get response, errno=%d, %m.\n", ACE_OS::last_error()));
+      // The caller learns from errno whether the connection is gone.
+      int error = ACE_OS::last_error();
+      ACE_ERROR((LM_ERROR, "Failed to get response, errno=%d, %m.\n", error));
+      errno = error;
       return false;
     }
     return true;

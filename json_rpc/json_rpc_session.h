@@ -10,7 +10,10 @@
 class JSON_Generator;
 
 /// A blocking call over a channel: the response comes back through the
-/// dispatcher on the channel's read thread, so never call on that thread.
+/// dispatcher on the thread that reads the channel. A transport that
+/// keeps a JSON_RPC_Wait_List (the TCP one does) fails the call at once
+/// when its connection ends: request() is false with errno ECONNRESET (the
+/// peer ended it) or ECONNABORTED (our side closed it).
 class JSON_RPC_EXPORT JSON_RPC_Session
 {
 public:

@@ -58,14 +58,15 @@ namespace
       .count();
   }
 
-  // True on a thread while it reads a channel: the handlers it runs meanwhile
-  // must not start reading another one.
-  thread_local bool reading = false;
+  // The channel that a thread reads, while it reads one: the handlers it
+  // runs meanwhile must not start reading another one.
+  thread_local const TCP_Channel* reading = nullptr;
 
   struct Reading_Mark
   {
-    Reading_Mark() { reading = true; }
-    ~Reading_Mark() { reading = false; }
+    explicit Reading_Mark(const TCP_Channel* channel) : before_(reading) { reading = channel; }
+    ~Reading_Mark() { reading = before_; }
+    const TCP_Channel* before_;
   };
 
   long futex(std::atomic<int>* word, int op, int value, const struct timespec* limit)
@@ -273,7 +274,7 @@ void TCP_Channel::Output::drop()
 // ---------------------------------------------------------------- life
 
 TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
-  : options_(options), closing_(false), registered_(false), io_adapter_(io_lock_), output_failed_(false),
+  : options_(options), closing_(false), closed_here_(false), registered_(false), io_adapter_(io_lock_), output_failed_(false),
     streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map),
     token_(true), call_(0), lent_at_(0), frames_(nullptr), lent_end_(LENT_READING), lent_n_(0), lent_errno_(0)
 {
@@ -374,6 +375,7 @@ int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self)
 
 void TCP_Channel::close()
 {
+  closed_here_ = true;
   closing_ = true;
   shutdown(SHUT_RDWR);
   call_reader();
@@ -406,6 +408,8 @@ void TCP_Channel::run(JSON_RPC_Channel_Strong_Ptr* keep, ACE_Log_Msg_Callback* l
     TCP_Frame_Reader frames(options_, self_);
     read_loop(frames);
     closing_ = true;
+    // Nothing answers the calls that still wait: they fail now.
+    waits_.end(closed_here_ ? ECONNABORTED : ECONNRESET);
     // A forward in progress holds another channel's lock: it goes first.
     frames.close();
   }
@@ -448,13 +452,18 @@ void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
 void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
 {
   bool answered = false;
+  // What a piece brings is dispatched once the piece is read, in order: a
+  // handler that calls back over this channel then finds the reader free
+  // to read on for it (wait_response).
   TCP_Frame_Reader::Handler deliver = [this, &answered](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (object.get())
     {
       answered = answered || is_response(*object);
+      // Passed back at once: the next message may start a forward that
+      // holds the same requester's lock.
       if (!options_.forward_responses || !pass_back(object))
-        dispatch_answering(self_, object);
+        handed_.push_back(object);
     }
     else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
       nothing_to_dispatch(peer_);
@@ -462,7 +471,7 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
   };
   read_buffer_.reset(new char[read_chunk]);
   frames_ = &frames;
-  reading = true;
+  Reading_Mark mark(this);
   const bool lending = !options_.forward_responses;
   const Clock::duration limit = to_duration(options_.read_limit);
   // Reads block in recv itself, one call per piece; the read limit rides
@@ -488,15 +497,8 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
       watched = false;
     }
     // What a caller read and left here, in the order it came.
-    if (!handed_.empty())
-    {
-      std::vector<JSON_RPC_Object_Ptr> objects;
-      objects.swap(handed_);
-      for (const JSON_RPC_Object_Ptr& object : objects)
-        dispatch_answering(self_, object);
-      if (closing_)
-        return;
-    }
+    if (!dispatch_handed())
+      return;
     ssize_t n;
     int error;
     if (lent_end_ == LENT_FAILED)
@@ -545,6 +547,8 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
       return;
     answered = false;
     int f = frames.feed(read_buffer_.get(), static_cast<size_t>(n), deliver);
+    if (!dispatch_handed())
+      return;
     if (f == -1)
     {
       protocol_error(frames);
@@ -561,6 +565,20 @@ void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
       held = followers_waiting() && !token_.exchange(true);
     }
   }
+}
+
+bool TCP_Channel::dispatch_handed()
+{
+  // Handlers may add to handed_ while they run (wait_response), so the
+  // objects are taken out first; swapping keeps both vectors' room.
+  while (!handed_.empty() && !closing_)
+  {
+    dispatching_.swap(handed_);
+    for (const JSON_RPC_Object_Ptr& object : dispatching_)
+      dispatch_answering(self_, object);
+    dispatching_.clear();
+  }
+  return !closing_;
 }
 
 bool TCP_Channel::read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames)
@@ -609,7 +627,24 @@ void TCP_Channel::call_reader()
 
 bool TCP_Channel::wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
 {
-  if (options_.forward_responses || reading || wait.done())
+  if (!waits_.enter(wait))
+    return false;
+  bool done = wait_entered(wait, deadline);
+  int error = errno;
+  waits_.leave(wait);
+  errno = error;
+  return done;
+}
+
+bool TCP_Channel::wait_entered(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  if (wait.done())
+    return wait.wait(deadline);
+  // A handler on this channel's own read thread, calling its peer back:
+  // nobody else reads the channel, so this thread reads on for it.
+  if (reading == this)
+    return read_on(wait, deadline);
+  if (options_.forward_responses || reading)
     return wait.wait(deadline);
   if (!token_.exchange(true))
   {
@@ -663,29 +698,45 @@ bool TCP_Channel::followers_waiting()
   return std::any_of(followers_.begin(), followers_.end(), [](JSON_RPC_Response_Wait* w) { return !w->done(); });
 }
 
-bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+bool TCP_Channel::read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
+{
+  read_lent(wait, deadline, true);
+  if (wait.done())
+    return wait.wait(deadline);
+  if (deadline && *deadline <= ACE_OS::gettimeofday())
+    errno = ETIME;
+  else // the connection ends: the read loop sees to it once the handler returns
+    errno = closed_here_ ? ECONNABORTED : ECONNRESET;
+  return false;
+}
+
+bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline, bool nested)
 {
   // What an earlier caller left for the read thread goes first: a response
-  // read after it must not overtake it.
-  if (!handed_.empty() || lent_end_ != LENT_READING)
+  // read after it must not overtake it. The read thread itself, reading on
+  // for one of those, lets its own response by.
+  if ((!nested && !handed_.empty()) || lent_end_ != LENT_READING)
     return true;
   bool handing = false;
-  TCP_Frame_Reader::Handler deliver = [this, &handing](JSON_RPC_Reader& reader) {
+  TCP_Frame_Reader::Handler deliver = [this, &handing, nested](JSON_RPC_Reader& reader) {
     JSON_RPC_Object_Ptr object = reader.object();
     if (!object.get())
-      nothing_to_dispatch(peer_);
-    else if (handing || !is_response(*object))
+    {
+      if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
+        nothing_to_dispatch(peer_);
+    }
+    else if ((handing && !nested) || !is_response(*object))
     {
       // Handlers of requests run on the read thread; what follows them
       // waits its turn behind them.
       handed_.push_back(object);
       handing = true;
     }
-    else
+    else if (!options_.forward_responses || !pass_back(object))
       dispatch_answering(self_, object);
     return !closing_;
   };
-  Reading_Mark mark;
+  Reading_Mark mark(this);
   Spin_Wait spin;
   const Clock::duration limit = to_duration(options_.read_limit);
   while (!wait.done())
@@ -733,7 +784,7 @@ bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* 
       lent_end_ = f == -1 ? LENT_FAILED : LENT_STOPPED;
       return true;
     }
-    if (handing)
+    if (handing && !nested)
       return true;
   }
   return false;

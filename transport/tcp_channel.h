@@ -46,10 +46,14 @@ class TCP_Frame_Reader;
 /// JSON_RPC_Channel_Map, JSON_RPC_Notify_Manager and the pool, answers the
 /// requests forwarded through it with -32603, and closes the socket.
 ///
-/// Bad input (a header too large, a bad or missing Content-Length, a message
-/// the reader refuses or one over max_message_size) is logged and answered
-/// with an error of id null and code -32700 before the connection is closed.
-/// A message without content, such as {"id":1}, is logged and skipped.
+/// A message that the reader refuses while its framing holds is answered
+/// (-32700 "Parse error" for text that is no JSON, -32600 "Invalid Request"
+/// for JSON that is no acceptable message, under the message's id if the
+/// reader saw it) and the connection reads on. Broken framing (a header too
+/// large, a bad or missing Content-Length, a message over max_message_size)
+/// is logged and answered with an error of id null and code -32700 before
+/// the connection is closed. A message without content, such as {"id":1},
+/// is logged and skipped.
 ///
 /// Writing: each message goes out whole under io_mutex(). With NDJSON the
 /// text passes through a 64 KiB buffer to the socket while it is generated,
@@ -148,8 +152,12 @@ public:
   int get_original_addr(ACE_Addr& addr) const override;
   ACE_Lock* io_mutex() override { return &io_adapter_; }
   /// Reads the channel on the calling thread while the read thread stands
-  /// aside (see above); otherwise, or from a thread that is reading a
-  /// channel itself, it only waits.
+  /// aside (see above); on the channel's own read thread (a direct handler
+  /// calling its peer back) it reads on for the handler: responses are
+  /// dispatched as they come, requests and notifications wait until the
+  /// handler returns. From a thread that reads another channel it only
+  /// waits. When the connection ends every wait fails at once, with errno
+  /// ECONNRESET, or ECONNABORTED after close().
   bool wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline) override;
 
 private:
@@ -188,8 +196,12 @@ private:
   int start_i(JSON_RPC_Channel_Strong_Ptr self);
   void run(JSON_RPC_Channel_Strong_Ptr* self, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask);
   void read_loop(TCP_Frame_Reader& frames);
+  /// Dispatches what waits in handed_, in order; false once closing.
+  bool dispatch_handed();
+  bool wait_entered(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  bool read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
   bool read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames);
-  bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline, bool nested = false);
   bool stand_aside(bool timed);
   void call_reader();
   friend class Aside_Watch;
@@ -218,6 +230,8 @@ private:
   std::string peer_;
   JSON_RPC_Channel_Weak_Ptr self_;
   std::atomic<bool> closing_;
+  std::atomic<bool> closed_here_; // close() was called
+  JSON_RPC_Wait_List waits_;
   bool registered_;
 
   // Guards the socket handle against its close while another thread shuts
@@ -252,8 +266,10 @@ private:
   std::atomic<long long> lent_at_;
   TCP_Frame_Reader* frames_;
   std::unique_ptr<char[]> read_buffer_;
-  // What a caller read but left to the read thread; under token_.
+  // What a caller read but left to the read thread, and what the read
+  // thread read and is about to dispatch; under token_.
   std::vector<JSON_RPC_Object_Ptr> handed_;
+  std::vector<JSON_RPC_Object_Ptr> dispatching_;
   enum Lent_End
   {
     LENT_READING,

@@ -10,8 +10,12 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace tcp_test;
 using json_spirit::Object;
@@ -50,6 +54,20 @@ namespace
         channel->send_object(make_message("seen", request.params));
         return echo(channel, request);
       });
+      // Calls the peer back over the same connection, from the read thread,
+      // and answers with what the peer said and whether a notice that came
+      // ahead of that answer had been handled yet (it must wait its turn).
+      add_handler("ask.back", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
+        JSON_RPC_Object_Ptr response;
+        JSON_RPC_Session back{JSON_RPC_Channel_Weak_Ptr(channel)};
+        if (!back.request(JSON_RPC_Session::make_rpc_request("tell.then.echo", Value(request.params)), response, 10))
+          return channel->send_error(-32000, request.id, "no answer from the peer", Value(errno));
+        std::lock_guard<std::mutex> guard(seen_mutex);
+        Value got = static_cast<const JSON_RPC_Response&>(*response).result;
+        return answer(channel.get(), request, json_spirit::Array{got, seen.count(request.params) > 0});
+      });
+      // Never answered.
+      add_handler("hold", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&) { return 0; });
       add_handler("echo.then.tell", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
         echo(channel, request);
         // Late enough that the caller has its answer and reads no more.
@@ -231,5 +249,114 @@ namespace
     errno = 0;
     EXPECT_EQ(-1, link->forward(JSON_RPC_Channel_Weak_Ptr(client), JSON_RPC_Session::make_rpc_request("echo", 1)));
     EXPECT_EQ(EPIPE, errno);
+  }
+}
+
+namespace
+{
+  // A call of "hold" on its own thread, which the test ends by ending the
+  // connection: the caller's result and errno.
+  struct Held_Call
+  {
+    explicit Held_Call(JSON_RPC_Channel_Strong_Ptr channel)
+      : thread_([this, channel] {
+          JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+          JSON_RPC_Object_Ptr response;
+          // A limit far beyond the test's: only the end of the connection
+          // can make it return with the errno checked below.
+          ok = session.request(JSON_RPC_Session::make_rpc_request("hold", Value()), response, 300);
+          error = errno;
+          done = true;
+        })
+    {
+    }
+    ~Held_Call() { join(); }
+    void join()
+    {
+      if (thread_.joinable())
+        thread_.join();
+    }
+
+    std::atomic<bool> done{false};
+    bool ok = true;
+    int error = 0;
+    std::thread thread_;
+  };
+
+  TEST_F(Loopback, AConnectionThatEndsFailsItsWaitingCallersAtOnce)
+  {
+    start();
+    struct Case
+    {
+      const char* how;
+      int error;
+      std::function<void(JSON_RPC_Channel_Strong_Ptr client)> end;
+    };
+    const Case cases[] = {
+      {"the peer closes", ECONNRESET, [&](JSON_RPC_Channel_Strong_Ptr) { close(server.connections().at(0)); }},
+      {"our side closes", ECONNABORTED, [](JSON_RPC_Channel_Strong_Ptr client) { close(client); }},
+    };
+    for (const Case& c : cases)
+    {
+      SCOPED_TRACE(c.how);
+      JSON_RPC_Channel_Strong_Ptr client = connect();
+      ASSERT_TRUE(eventually([&] { return server.connections().size() == 1; }));
+      std::vector<std::unique_ptr<Held_Call>> calls;
+      for (int i = 0; i < 3; ++i)
+        calls.emplace_back(new Held_Call(client));
+      // Sent and waiting: the response map holds their entries.
+      ASSERT_TRUE(eventually([] { return JSON_RPC_Response_Map::instance()->size() == 3; }));
+      c.end(client);
+      for (auto& call : calls)
+      {
+        call->join();
+        EXPECT_FALSE(call->ok);
+        EXPECT_EQ(c.error, call->error);
+      }
+      calls.clear();
+      EXPECT_EQ(0u, JSON_RPC_Response_Map::instance()->size());
+      ASSERT_TRUE(eventually([&] { return server.connections().empty(); }));
+      close(client);
+      clients.clear();
+    }
+
+    // A peer that is reset, or killed, whatever it had read.
+    unsigned short port = 0;
+    int listener = loopback_listener(port, 1);
+    ASSERT_NE(-1, listener);
+    JSON_RPC_Channel_Strong_Ptr client = connect(port);
+    int peer = ::accept(listener, nullptr, nullptr);
+    ASSERT_NE(-1, peer);
+    Held_Call call(client);
+    char byte;
+    ASSERT_EQ(1, ::recv(peer, &byte, 1, 0));
+    struct linger reset = {1, 0};
+    ::setsockopt(peer, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ::close(peer);
+    ::close(listener);
+    call.join();
+    EXPECT_FALSE(call.ok);
+    EXPECT_EQ(ECONNRESET, call.error);
+  }
+
+  TEST_F(Loopback, ADirectHandlerThatCallsItsPeerBackGetsTheAnswer)
+  {
+    {
+      std::lock_guard<std::mutex> guard(seen_mutex);
+      seen.clear();
+    }
+    start();
+    JSON_RPC_Channel_Strong_Ptr client = connect();
+    for (int i = 0; i < 3; ++i)
+    {
+      // The peer's notice came first but was held until the handler returned.
+      EXPECT_EQ(Value(json_spirit::Array{i, false}), echo_over(client, i, "ask.back"));
+      EXPECT_TRUE(eventually([i] {
+        std::lock_guard<std::mutex> guard(seen_mutex);
+        return seen.count(Value(i)) == 1;
+      }));
+    }
+    // The connection goes on as before.
+    EXPECT_EQ(Value(9), echo_over(client, 9));
   }
 }
