@@ -3,7 +3,7 @@
 
 #include <ace/Log_Msg.h>
 
-JSON_RPC_Writer::JSON_RPC_Writer() : gen_(nullptr) {}
+JSON_RPC_Writer::JSON_RPC_Writer() : gen_(nullptr), printer_(nullptr), batched_(false) {}
 
 JSON_RPC_Writer::~JSON_RPC_Writer()
 {
@@ -12,7 +12,9 @@ JSON_RPC_Writer::~JSON_RPC_Writer()
     yajl_gen_free(gen_);
 }
 
-yajl_gen_t* JSON_RPC_Writer::open(YAJL_Printer& printer)
+yajl_gen_t* JSON_RPC_Writer::open(YAJL_Printer& printer) { return open_i(printer, false); }
+
+yajl_gen_t* JSON_RPC_Writer::open_i(YAJL_Printer& printer, bool batched)
 {
   close();
   // A writer that is used again keeps its generator: reset, it starts a
@@ -24,13 +26,33 @@ yajl_gen_t* JSON_RPC_Writer::open(YAJL_Printer& printer)
     gen_ = yajl_gen_alloc(nullptr);
     if (!gen_)
       return nullptr;
-    yajl_gen_config(gen_, yajl_gen_print_callback, &YAJL_Batch_Printer::print_b, &batch_);
+    yajl_gen_config(gen_, yajl_gen_print_callback, &JSON_RPC_Writer::print_w, this);
   }
-  batch_.target(&printer);
+  printer_ = &printer;
+  batched_ = batched;
+  if (batched)
+    batch_.target(&printer);
   return gen_;
 }
 
-void JSON_RPC_Writer::close() { batch_.flush(); }
+void JSON_RPC_Writer::close()
+{
+  // Only the write forms batch, and they close before they return: a
+  // printer that has gone meanwhile is never printed into from here.
+  if (batched_)
+    batch_.target(nullptr);
+  batched_ = false;
+  printer_ = nullptr;
+}
+
+void JSON_RPC_Writer::print_w(void* ctx, const char* data, size_t length)
+{
+  JSON_RPC_Writer* w = static_cast<JSON_RPC_Writer*>(ctx);
+  if (w->batched_)
+    w->batch_.YAJL_Batch_Printer::print(data, length);
+  else if (w->printer_)
+    w->printer_->print(data, length);
+}
 
 namespace
 {
@@ -47,7 +69,7 @@ namespace
 
 bool JSON_RPC_Writer::write(JSON_RPC_Object const& object, YAJL_Printer& printer)
 {
-  yajl_gen_t* gen = open(printer);
+  yajl_gen_t* gen = open_i(printer, true);
   if (!gen)
     return false;
   bool known = true;
@@ -104,7 +126,7 @@ bool JSON_RPC_Writer::write(JSON_RPC_Object const& object, YAJL_Printer& printer
 
 bool JSON_RPC_Writer::write(JSON_Generator& generator, YAJL_Printer& printer)
 {
-  yajl_gen_t* gen = open(printer);
+  yajl_gen_t* gen = open_i(printer, true);
   if (!gen)
     return false;
   bool ok = generator.generate(gen);

@@ -17,17 +17,25 @@ public:
   JSON_RPC_Writer(const JSON_RPC_Writer&) = delete;
   JSON_RPC_Writer& operator=(const JSON_RPC_Writer&) = delete;
 
-  /// A generator printing to printer, through a 4 KiB batch that close()
-  /// flushes.
+  /// A generator printing to printer as each token is made. The writer
+  /// keeps the generator for its next message: after close() the handle
+  /// prints nowhere, and the writer never prints into printer again.
   yajl_gen_t* open(YAJL_Printer& printer);
   void close();
 
-  /// False only without a generator or for an object of no known type.
+  /// One whole message each, batched 4 KiB at a time into printer; all of
+  /// it is there when they return. False only without a generator or for
+  /// an object of no known type.
   bool write(JSON_RPC_Object const& object, YAJL_Printer& printer);
   bool write(JSON_Generator& generator, YAJL_Printer& printer);
 
 private:
+  yajl_gen_t* open_i(YAJL_Printer& printer, bool batched);
+  static void print_w(void* ctx, const char* data, size_t length);
+
   yajl_gen_t* gen_;
+  YAJL_Printer* printer_; // null while closed
+  bool batched_;
   YAJL_Batch_Printer batch_;
 };
 
