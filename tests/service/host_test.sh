@@ -138,6 +138,21 @@ lines=$(grep -c "^JSON-RPC 'pool.sleep' by 127.0.0.1:[0-9]* refused: " small.err
   fail "overload: $answered answered, $refused refused, $lines refusal lines"
 kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the small host did not stop cleanly"
 
+# A host killed during a call: its caller fails at once (exit 3), long
+# before its own limit of 120 s or the call's 10 s.
+start_host doomed --svc-conf examples/svc.conf
+"$call" --timeout 120 "127.0.0.1:$PORT" pool.sleep 10000 > doomed.call 2>&1 &
+doomed_call=$!
+sleep 0.5
+kill -KILL "${pids[-1]}"
+wait "${pids[-1]}" 2> /dev/null
+for _ in $(seq 1 50); do kill -0 "$doomed_call" 2> /dev/null || break; sleep 0.1; done
+kill -0 "$doomed_call" 2> /dev/null && fail "the caller still waits 5 s after its host was killed"
+wait "$doomed_call"
+rc=$?
+[ "$rc" -eq 3 ] || fail "the caller of a killed host exited $rc: $(cat doomed.call)"
+unset 'pids[-1]'
+
 # Clean stop of the main host.
 kill -TERM "$main_pid"
 wait "$main_pid" || fail "the host exited $? on SIGTERM: $(cat main.err)"
