@@ -29,8 +29,10 @@
 /// connection reads nothing else meanwhile. THREAD_POOL queues the call on
 /// the shared pool (JSON_RPC_Thread_Pool_Handler; the pool must run, e.g.
 /// JSON_RPC_Scope with pool threads): a full queue answers -32000 "Server
-/// busy" at once. THREAD_OWN starts a detached thread for each call
-/// (JSON_RPC_Thread_Handler), for long work without a limit.
+/// busy" at once; the scope's close waits for the calls that run. THREAD_OWN
+/// starts a detached thread for each call (JSON_RPC_Thread_Handler), for
+/// long work without a limit; nothing waits for those threads, so they must
+/// have ended before the scope closes and destroys the method.
 class JSON_RPC_EXPORT JSON_RPC_Function_Handler : public JSON_RPC_Handler
 {
 public:

@@ -102,8 +102,8 @@ namespace
     ASSERT_TRUE(eventually([&] { return server.connections().size() == 2; }));
     std::string answer;
     std::thread caller([&] {
-      // A caller whose connection ends waits out its limit (the session
-      // learns nothing of the end), so the limit is short here.
+      // A short limit: on this branch a caller whose connection ends
+      // still waits out its limit.
       answer = call(calling, "hold", Value(), 2);
       std::lock_guard<std::mutex> guard(mutex);
       ended = true;
