@@ -45,6 +45,23 @@ void answer_exception(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_O
   answer(channel, object, ("threw: " + text).c_str(), -32603, nullptr, json_spirit::Value(text));
 }
 
+void answer_error(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object,
+                  const JSON_RPC_Error& error)
+{
+  JSON_RPC_Channel_Strong_Ptr peer(channel);
+  const JSON_RPC_Object* o = object.get();
+  std::string method = o ? method_of(*o) : std::string();
+  bool request = o && o->type == JSON_RPC_Object::TYPE_REQUEST;
+  if (peer.null())
+    ACE_DEBUG((LM_DEBUG, "JSON-RPC '%C' failed with error %d (%C); the requester is gone.\n", method.c_str(),
+               error.code(), error.what()));
+  else
+    ACE_DEBUG((LM_DEBUG, "JSON-RPC '%C' by %C failed with error %d (%C)%C.\n", method.c_str(),
+               Peer_Addr_String(*peer).c_str(), error.code(), error.what(), request ? "" : ", a notification: no answer"));
+  if (!peer.null() && request)
+    peer->send_error(error.code(), o->id, error.what(), error.data());
+}
+
 int dispatch_answering(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object)
 {
   JSON_RPC_Thread_Pool_Handler::take_refusal();

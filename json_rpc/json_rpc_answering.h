@@ -3,6 +3,7 @@
 #ifndef JSON_RPC_ANSWERING_H
 #define JSON_RPC_ANSWERING_H
 
+#include "json_rpc/json_rpc_error.h"
 #include "json_rpc/json_rpc_export.h"
 #include "json_rpc/json_rpc_object.h"
 
@@ -21,8 +22,15 @@ JSON_RPC_EXPORT extern const char* const json_rpc_server_busy_message; // "Serve
 JSON_RPC_EXPORT void answer_exception(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object,
                                       const char* what);
 
+/// Answers a request with the error that its handler threw (its code,
+/// message and data), with a line at debug priority; a notification gets
+/// only the line.
+JSON_RPC_EXPORT void answer_error(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object,
+                                  const JSON_RPC_Error& error);
+
 /// Runs step, a handler's entry for object, so that an exception it throws
-/// is answered by answer_exception and the thread goes on: -1 then.
+/// is answered and the thread goes on, with -1 as the result: a
+/// JSON_RPC_Error by answer_error, any other by answer_exception.
 template <class Step>
 int run_answering(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, Step&& step)
 {
@@ -33,6 +41,10 @@ int run_answering(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Objec
   catch (abi::__forced_unwind&)
   {
     throw; // a cancelled thread must unwind
+  }
+  catch (const JSON_RPC_Error& e)
+  {
+    answer_error(channel, object, e);
   }
   catch (const std::exception& e)
   {

@@ -5,6 +5,10 @@
 #include <ace/Guard_T.h>
 #include "tessel/singleton.h"
 
+#include <cerrno>
+#include <new>
+#include <utility>
+
 JSON_RPC_Notify_Manager::JSON_RPC_Notify_Manager() {}
 JSON_RPC_Notify_Manager::~JSON_RPC_Notify_Manager() {}
 
@@ -99,6 +103,20 @@ int JSON_RPC_Notify_Manager::notify(std::string subject, JSON_RPC_Object_Ptr obj
     send_if_alive(i->second, object);
   send_if_alive(Global_JSON_RPC_Channel::channel_, object);
   return 0;
+}
+
+int JSON_RPC_Notify_Manager::publish(const std::string& subject, json_spirit::Value params)
+{
+  JSON_RPC_Request* notification = new (std::nothrow) JSON_RPC_Request;
+  if (!notification)
+  {
+    errno = ENOMEM;
+    return -1;
+  }
+  notification->type = JSON_RPC_Object::TYPE_NOTIFICATION;
+  notification->method = subject;
+  notification->params = std::move(params);
+  return notify(subject, JSON_RPC_Object_Ptr(notification));
 }
 
 size_t JSON_RPC_Notify_Manager::size() const

@@ -3,6 +3,7 @@
 
 #include "json_rpc/json_rpc_export.h"
 #include "json_rpc/json_rpc_object.h"
+#include "json_spirit/json_spirit_value.h"
 
 #include <ace/RW_Thread_Mutex.h>
 
@@ -28,6 +29,9 @@ public:
   int unsubscribe(const std::string& subject);
   int unsubscribe(const std::vector<std::string>& subjects);
   int notify(std::string subject, JSON_RPC_Object_Ptr object);
+  /// notify() with a new notification whose method is subject. -1 with
+  /// errno 12 when out of memory.
+  int publish(const std::string& subject, json_spirit::Value params);
 
   // With the write lock held.
   void unsubscribe_closed_channels();

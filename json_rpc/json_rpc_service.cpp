@@ -1,10 +1,7 @@
 #include "json_rpc/json_rpc_service.h"
-#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_conf.h"
-#include "json_rpc/json_rpc_dispatcher.h"
-#include "json_rpc/json_rpc_notify_manager.h"
+#include "json_rpc/json_rpc_scope.h"
 #include "json_rpc/json_rpc_thread_pool_handler.h"
-#include "tessel/http_uri_map.h"
 
 #include <ace/Get_Opt.h>
 #include <ace/Log_Msg.h>
@@ -66,16 +63,8 @@ JSON_RPC_Service::~JSON_RPC_Service() {}
 
 int JSON_RPC_Service::init(int argc, ACE_TCHAR* argv[])
 {
-  JSON_RESTful_Request_Map::instance();
-  JSON_RPC_Params_Handler_Map::instance();
-  JSON_RPC_Request_Map::instance();
-  JSON_RPC_Response_Map::instance();
-  JSON_RPC_Channel_Map::instance();
-  JSON_RPC_Channel_Pool::instance();
-  JSON_RPC_Dispatcher::instance();
-  JSON_RPC_Notify_Manager::instance();
-  HTTP_File_URI_Map::instance();
-  HTTP_Redirect_URI_Map::instance();
+  // Before the first configuration file is read and a handler library loaded.
+  JSON_RPC_Scope::open_singletons();
 
   parse_args(argc, argv);
 
@@ -122,16 +111,7 @@ int JSON_RPC_Service::fini()
 {
   if (thread_number != 0)
     JSON_RPC_Thread_Pool_Handler::deactivate();
-  JSON_RPC_Notify_Manager::close_instance();
-  JSON_RPC_Dispatcher::close_instance();
-  JSON_RPC_Channel_Pool::close_instance();
-  JSON_RPC_Channel_Map::close_instance();
-  JSON_RPC_Response_Map::close_instance();
-  JSON_RPC_Request_Map::close_instance();
-  JSON_RPC_Params_Handler_Map::close_instance();
-  JSON_RESTful_Request_Map::close_instance();
-  HTTP_File_URI_Map::close_instance();
-  HTTP_Redirect_URI_Map::close_instance();
+  JSON_RPC_Scope::close_singletons();
   return 0;
 }
 

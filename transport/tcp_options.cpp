@@ -1,7 +1,32 @@
 #include "transport/tcp_options.h"
 
+#include <ace/INET_Addr.h>
+#include <ace/Log_Msg.h>
+
+#include <cerrno>
+#include <cstdlib>
+
 TCP_Options::TCP_Options()
   : framing(FRAMING_CONTENT_LENGTH), read_limit(60), send_limit(60), max_header_size(8192), max_message_size(0),
     forward_responses(false), register_channel(true), use_pool(false)
 {
+}
+
+int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr)
+{
+  size_t colon = text.rfind(':');
+  std::string host = colon == std::string::npos ? std::string() : text.substr(0, colon);
+  std::string port = colon == std::string::npos ? std::string() : text.substr(colon + 1);
+  if (host.size() > 1 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
+  char* end = nullptr;
+  long number = port.empty() ? -1 : std::strtol(port.c_str(), &end, 10);
+  if (host.empty() || port.empty() || *end || number < 0 || number > 65535 || port[0] == '+' || port[0] == '-' ||
+      addr.set(static_cast<unsigned short>(number), host.c_str()) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "TCP: bad address '%C', expected HOST:PORT.\n", text.c_str()));
+    errno = EINVAL;
+    return -1;
+  }
+  return 0;
 }

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 
+class ACE_INET_Addr;
 class TCP_Channel;
 
 /// Settings of one listener (for all its connections) or of one outgoing
@@ -51,5 +53,11 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// Runs on the read thread once the channel has been deregistered.
   std::function<void(TCP_Channel&)> on_close;
 };
+
+/// Reads "HOST:PORT" ("127.0.0.1:4000", "localhost:0", "[::1]:4000"; port
+/// 0 lets the system pick one when listening) into addr. -1 with errno
+/// EINVAL and a line at error priority if the text is no such address or
+/// the host can't be resolved.
+JSON_RPC_TCP_EXPORT int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr);
 
 #endif

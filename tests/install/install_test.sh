@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs the build tree into a scratch prefix and checks that a program
 # outside the project can use the result.
-# Usage: install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR WORK_DIR CXX [SANITIZERS]
+# Usage: install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR EXAMPLES_DIR WORK_DIR CXX [SANITIZERS]
 set -euo pipefail
 
-build=$1 consumer=$2 work=$3 cxx=$4 sanitize=${5:-}
+build=$1 consumer=$2 examples=$3 work=$4 cxx=$5 sanitize=${6:-}
 prefix=$work/prefix
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -21,19 +21,19 @@ libdir=$(cd "$libdir" && pwd)
 
 # Headers, and that they compile with nothing but the prefix and the
 # dependencies on the include path.
-for d in json_rpc json_spirit tessel; do
+for d in json_rpc json_spirit tessel transport; do
   ls "$prefix/include/$d"/*.h > /dev/null 2>&1 || fail "no headers in include/$d"
 done
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-for h in "$prefix"/include/{json_rpc,json_spirit,tessel}/*.h; do
+for h in "$prefix"/include/{json_rpc,json_spirit,tessel,transport}/*.h; do
   echo "#include <${h#$prefix/include/}>"
 done > "$work/all_headers.cpp"
 # shellcheck disable=SC2046
-"$cxx" -std=c++17 -fsyntax-only $(pkg-config --cflags json_rpc) "$work/all_headers.cpp" \
+"$cxx" -std=c++17 -fsyntax-only $(pkg-config --cflags json_rpc_tcp) "$work/all_headers.cpp" \
   || fail "installed headers do not compile on their own"
 
 # Libraries: the SONAME link chain, and what each one exports.
-for lib in json_rpc json_spirit tessel; do
+for lib in json_rpc json_spirit tessel json_rpc_tcp; do
   so=$libdir/lib$lib.so
   [ -L "$so" ] || { fail "no $so"; continue; }
   soname=$(readelf -d "$so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
@@ -77,6 +77,11 @@ expect_symbol json_rpc 'JSON_RPC_Writer::write(JSON_RPC_Object const&'
 expect_symbol json_rpc 'JSON_RPC_Request_Generator::JSON_RPC_Request_Generator('
 expect_symbol json_rpc 'json_rpc_error_message('
 expect_symbol json_rpc 'typeinfo for JSON_RPC_Object'
+expect_symbol json_rpc 'typeinfo for JSON_RPC_Error'
+expect_symbol json_rpc 'add_json_rpc_method('
+expect_symbol json_rpc 'JSON_RPC_Scope::JSON_RPC_Scope('
+expect_symbol json_rpc_tcp 'TCP_Server::start('
+expect_symbol json_rpc_tcp 'TCP_Client::connect('
 
 message='{"id":7,"method":"sum","jsonrpc":"2.0","params":{"a":[1,2.5,"x"]}}'
 expected='{"jsonrpc":"2.0","id":7,"method":"sum","params":{"a":[1,2.5,"x"]}}'
@@ -93,8 +98,24 @@ check_run() {
   fi
 }
 
+# A server and a client over TCP: the examples' own test runs them against
+# each other.
+check_tcp() {
+  local what=$1 server=$2 client=$3
+  if ldd "$server" | grep 'libjson_rpc_tcp\.so' | grep -qv -- "$prefix"; then
+    fail "$what example server does not use the installed libjson_rpc_tcp"
+  fi
+  if env -u LD_LIBRARY_PATH bash "$examples/server_client_test.sh" "$server" "$client" > "$work/$what-tcp.log" 2>&1; then
+    echo "$what TCP example: $(grep -c -- '->' "$work/$what-tcp.log") calls answered, server stopped"
+  else
+    cat "$work/$what-tcp.log"
+    fail "$what TCP example failed"
+  fi
+}
+
 # find_package.
 if ! cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" \
+  -DEXAMPLES_DIR="$examples" \
   -DCMAKE_CXX_FLAGS="${flags[*]}" -DCMAKE_EXE_LINKER_FLAGS="${flags[*]}" > "$work/cmake-configure.log" 2>&1; then
   cat "$work/cmake-configure.log"
   fail "find_package(json_rpc) consumer does not configure"
@@ -105,6 +126,10 @@ else
     fail "find_package(json_rpc) consumer does not use the installed library"
   fi
   [ ! -x "$work/cmake-build/consumer" ] || check_run find_package "$work/cmake-build/consumer"
+  # CMake gives the programs in its build tree an rpath to the prefix.
+  if [ -x "$work/cmake-build/example-server" ] && [ -x "$work/cmake-build/example-client" ]; then
+    check_tcp find_package "$work/cmake-build/example-server" "$work/cmake-build/example-client"
+  fi
 fi
 
 # pkg-config.
@@ -116,6 +141,20 @@ if "$cxx" -std=c++17 "${flags[@]}" "$consumer/consumer.cpp" -o "$work/consumer-p
 else
   fail "pkg-config consumer does not build"
 fi
+
+# The TCP programs through pkg-config, with the prefix's library folder as
+# their rpath: they run without LD_LIBRARY_PATH.
+tcp_version=$(pkg-config --modversion json_rpc_tcp) || fail "pkg-config does not find json_rpc_tcp"
+[ "$tcp_version" = "$version" ] || fail "json_rpc_tcp is version $tcp_version, json_rpc $version"
+echo "pkg-config json_rpc_tcp $tcp_version: $(pkg-config --cflags --libs json_rpc_tcp)"
+built=1
+for program in server client; do
+  # shellcheck disable=SC2046
+  "$cxx" -std=c++17 "${flags[@]}" "$examples/$program.cpp" -o "$work/example-$program-pc" \
+    $(pkg-config --cflags --libs json_rpc_tcp) -Wl,-rpath,"$(pkg-config --variable=libdir json_rpc_tcp)" \
+    || { fail "pkg-config example $program does not build"; built=0; }
+done
+[ "$built" -eq 0 ] || check_tcp pkg-config "$work/example-server-pc" "$work/example-client-pc"
 
 if [ "$failures" -ne 0 ]; then
   echo "$failures install check(s) failed"

@@ -1,0 +1,61 @@
+#ifndef TRANSPORT_TCP_SERVER_H
+#define TRANSPORT_TCP_SERVER_H
+
+#include "transport/tcp_acceptor.h"
+#include "transport/tcp_export.h"
+#include "transport/tcp_options.h"
+
+#include <string>
+#include <vector>
+
+/// A JSON-RPC server over TCP: listens on one address and serves the
+/// methods of JSON_RPC_Request_Map on every connection (each connection
+/// is read by a thread of its own, on which direct handlers run).
+///
+///   JSON_RPC_Scope scope;
+///   add_json_rpc_method("add", ...);
+///   TCP_Server server;
+///   if (server.start("127.0.0.1:4000") == -1) ...   // port 0: any free one
+///   ...
+///   server.stop();                                  // or its destructor
+///
+/// Add the methods before start(): the request map is not written while
+/// messages flow. start() makes the library's singletons if no scope (or
+/// service) has, but only a scope closes them.
+class JSON_RPC_TCP_EXPORT TCP_Server
+{
+public:
+  TCP_Server();
+  /// stop().
+  ~TCP_Server();
+  TCP_Server(const TCP_Server&) = delete;
+  TCP_Server& operator=(const TCP_Server&) = delete;
+
+  /// Listens on address, "HOST:PORT", with options for all connections,
+  /// and starts accepting. -1 with errno and a line at error priority when
+  /// it can't: EINVAL for a bad address, EADDRINUSE for a port that is
+  /// taken, EISCONN when this server runs already.
+  int start(const std::string& address, const TCP_Options& options = TCP_Options());
+  int start(const ACE_INET_Addr& addr, const TCP_Options& options = TCP_Options());
+
+  /// Stops accepting, closes every connection and waits for their threads
+  /// to end; a handler still running on one of them has returned when it
+  /// does. Call it from a thread that reads none of its connections (not
+  /// from a direct handler). Nothing happens if the server does not run.
+  void stop();
+
+  bool running() const { return running_; }
+  /// The address bound, with the real port (after start()).
+  const ACE_INET_Addr& local_addr() const { return acceptor_.local_addr(); }
+  unsigned short port() const { return acceptor_.port(); }
+  /// "HOST:PORT" of local_addr(), in the form start() takes.
+  std::string address() const;
+  /// The connections that are up.
+  std::vector<JSON_RPC_Channel_Strong_Ptr> connections() const { return acceptor_.connections(); }
+
+private:
+  TCP_Acceptor acceptor_;
+  bool running_;
+};
+
+#endif
