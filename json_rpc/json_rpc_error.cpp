@@ -1,3 +1,4 @@
+// The error that a method's code throws to answer with an error response.
 #include "json_rpc/json_rpc_error.h"
 #include "json_rpc/json_rpc_object.h"
 

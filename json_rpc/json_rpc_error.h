@@ -1,3 +1,4 @@
+// The error that a method's code throws to answer with an error response.
 #ifndef JSON_RPC_ERROR_H
 #define JSON_RPC_ERROR_H
 

@@ -1,3 +1,4 @@
+// Methods written as functions of their params, and their registration.
 #include "json_rpc/json_rpc_function_handler.h"
 #include "json_rpc/json_rpc_answering.h"
 #include "json_rpc/json_rpc_channel.h"

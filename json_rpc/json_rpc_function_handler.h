@@ -1,3 +1,4 @@
+// Methods written as functions of their params, and their registration.
 #ifndef JSON_RPC_FUNCTION_HANDLER_H
 #define JSON_RPC_FUNCTION_HANDLER_H
 

@@ -1,3 +1,4 @@
+// Opens the library's singletons in order for a program, and closes them in order.
 #include "json_rpc/json_rpc_scope.h"
 #include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_dispatcher.h"

@@ -1,3 +1,4 @@
+// Opens the library's singletons in order for a program, and closes them in order.
 #ifndef JSON_RPC_SCOPE_H
 #define JSON_RPC_SCOPE_H
 

@@ -133,7 +133,13 @@ namespace
   struct Entry_Guard
   {
     explicit Entry_Guard(const json_spirit::Value& id) : id_(id) {}
-    ~Entry_Guard() { JSON_RPC_Response_Map::instance()->remove(id_); }
+    ~Entry_Guard()
+    {
+      // The map's lock may leave its own errno (EBUSY): the call's stays.
+      int error = errno;
+      JSON_RPC_Response_Map::instance()->remove(id_);
+      errno = error;
+    }
     const json_spirit::Value& id_;
   };
 
@@ -181,7 +187,9 @@ namespace
   {
     if (result != -1)
       return true;
-    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", ACE_OS::last_error()));
+    int error = ACE_OS::last_error();
+    ACE_ERROR((LM_ERROR, "Failed to send request to channel, errno=%d, %m.\n", error));
+    errno = error;
     return false;
   }
 

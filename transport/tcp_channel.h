@@ -74,9 +74,10 @@ class TCP_Frame_Reader;
 /// end, as its length is not known before.
 ///
 /// The transport threads take the log settings (message callback, priority
-/// mask) of the thread that started them. Create the library's singletons
-/// before the first transport starts: their first instance() call is not
-/// safe against another one on a second thread.
+/// mask) of the thread that started them. The library's singletons must
+/// exist before the first transport starts (their first instance() call is
+/// not safe against another one on a second thread): JSON_RPC_Scope,
+/// TCP_Server and TCP_Client see to that.
 class JSON_RPC_TCP_EXPORT TCP_Channel : public JSON_RPC_Channel
 {
 public:

@@ -1,3 +1,4 @@
+// A client connection over the TCP transport that closes itself.
 #ifndef TRANSPORT_TCP_CLIENT_H
 #define TRANSPORT_TCP_CLIENT_H
 

@@ -1,3 +1,4 @@
+// The TCP server: an acceptor with a start and a stop.
 #ifndef TRANSPORT_TCP_SERVER_H
 #define TRANSPORT_TCP_SERVER_H
 

@@ -26,6 +26,8 @@ namespace
   // Notices of "seen" by their params, with the thread that handled each.
   std::mutex seen_mutex;
   std::map<Value, std::thread::id, json_spirit::value_lesser> seen;
+  // Calls of "hold" that reached the server.
+  std::atomic<int> held{0};
 
   size_t seen_count()
   {
@@ -67,7 +69,7 @@ namespace
         return answer(channel.get(), request, json_spirit::Array{got, seen.count(request.params) > 0});
       });
       // Never answered.
-      add_handler("hold", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&) { return 0; });
+      add_handler("hold", [](JSON_RPC_Channel_Strong_Ptr, const JSON_RPC_Request&) { return ++held, 0; });
       add_handler("echo.then.tell", [](JSON_RPC_Channel_Strong_Ptr channel, const JSON_RPC_Request& request) {
         echo(channel, request);
         // Late enough that the caller has its answer and reads no more.
@@ -302,10 +304,12 @@ namespace
       JSON_RPC_Channel_Strong_Ptr client = connect();
       ASSERT_TRUE(eventually([&] { return server.connections().size() == 1; }));
       std::vector<std::unique_ptr<Held_Call>> calls;
+      held = 0;
       for (int i = 0; i < 3; ++i)
         calls.emplace_back(new Held_Call(client));
-      // Sent and waiting: the response map holds their entries.
-      ASSERT_TRUE(eventually([] { return JSON_RPC_Response_Map::instance()->size() == 3; }));
+      // Sent (the server has them) and waiting: a call that ends before it
+      // was sent fails in its send instead, with EPIPE.
+      ASSERT_TRUE(eventually([] { return held == 3 && JSON_RPC_Response_Map::instance()->size() == 3; }));
       c.end(client);
       for (auto& call : calls)
       {
