@@ -4,19 +4,9 @@
 set -uo pipefail
 
 cat_bin=$1 examples=$2 work=$3
-passed=0 failed=0
+source "$(dirname "$0")/test_check.sh"
 rm -rf "$work" && mkdir -p "$work"
 
-check() { # name, then a command that must succeed
-  local name=$1
-  shift
-  if "$@"; then
-    passed=$((passed + 1))
-  else
-    echo "FAIL: $name"
-    failed=$((failed + 1))
-  fi
-}
 run() { # args...: runs jsonrpc-cat, stdout to $work/out, stderr to $work/err, status to $status
   "$cat_bin" "$@" > "$work/out" 2> "$work/err"
   status=$?
