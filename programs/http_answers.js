@@ -17,6 +17,13 @@
 //                    "chunked": Transfer-Encoding was chunked, "id": its id}
 const http = require('http');
 
+// Whole answers: status, Content-Type, body.
+const canned = {
+  '/bad-json': [200, 'application/json', '{"result":[1,2,3,4,5'],
+  '/html-404': [404, 'text/html', '<html><body>not here</body></html>'],
+  '/html-200': [200, 'text/html', '<html><body>hello</body></html>'],
+};
+
 // The start of a 200 answer, then the connection closes.
 function cutOff(res, headers) {
   res.writeHead(200, headers);
@@ -51,17 +58,13 @@ const server = http.createServer((req, res) => {
         cutOff(res, { 'content-type': 'application/json' });
         break;
       case '/bad-json':
-        res.writeHead(200, { 'content-type': 'application/json' });
-        res.end('{"result":[1,2,3,4,5');
-        break;
       case '/html-404':
-        res.writeHead(404, { 'content-type': 'text/html' });
-        res.end('<html><body>not here</body></html>');
+      case '/html-200': {
+        const [status, type, body] = canned[req.url];
+        res.writeHead(status, { 'content-type': type });
+        res.end(body);
         break;
-      case '/html-200':
-        res.writeHead(200, { 'content-type': 'text/html' });
-        res.end('<html><body>hello</body></html>');
-        break;
+      }
       case '/silent':
         break;
       case '/count': {
