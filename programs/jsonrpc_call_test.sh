@@ -14,7 +14,7 @@ rm -rf "$work" && mkdir -p "$work/build" && ln -s "$lib" "$work/build/lib" && ln
 cd "$work" || exit 1
 
 source "$here/test_check.sh"
-pids=()
+pids=() hosts=()
 cleanup() { for p in "${pids[@]}"; do kill -TERM "$p" 2> /dev/null; done; }
 trap cleanup EXIT
 show_failure() {
@@ -63,6 +63,7 @@ start_host() {
   shift
   "$host" --listen 127.0.0.1:0 "$@" > "$name.out" 2> "$name.err" &
   pids+=($!)
+  hosts+=($!)
   PORT=$(wait_port "$name.out" 'listening on 127\.0\.0\.1:')
   [ -n "$PORT" ] || abort "$name did not listen: $(cat "$name.err")"
 }
@@ -255,6 +256,13 @@ expect "TLS with another certificate" 3 '' --cacert other.pem --rest GET "$tls/d
 expect "TLS with an unreadable --cacert" 2 '' --cacert no-such.pem --rest GET "$tls/doc.json"
 check "TLS with an unreadable --cacert: named" said "--cacert: no certificate could be read from 'no-such.pem'"
 expect "TLS with both" 2 '' --cacert server.pem --insecure --rest GET "$tls/doc.json"
+
+# The hosts stop cleanly: a sanitizer's report would change their status.
+for p in "${hosts[@]}"; do
+  kill -TERM "$p"
+  wait "$p"
+  check "host $p stopped with status 0 (got $?)" test "$?" -eq 0
+done
 
 echo "jsonrpc-call: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
