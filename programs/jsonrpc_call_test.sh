@@ -127,6 +127,9 @@ expect "echo after refused params" 0 '"result":"still here"' "$addr" echo '"stil
 truncate -s 65M sparse.json
 expect "content-length refuses a large file" 2 '' "$addr" echo @sparse.json
 check "content-length refusal names ndjson" said "use --framing ndjson"
+# Params longer than a command line may be (about 229 KB).
+seq -s, 1 40000 | sed 's/^/[/; s/$/]/' | tr -d '\n' > numbers.json
+expect "229 KB of params from a file" 0 '"result":800020000}' "$addr" sum.stream @numbers.json
 expect "notify with params from a file" 0 '' --notify "$addr" echo @small.json
 expect "unknown method" 1 '"code":-32601' "$addr" no.such.method
 
@@ -154,11 +157,10 @@ check "HTTP call: status on standard error" said "HTTP status 200"
 expect "HTTP error response" 1 '"code":-32000' "$rpc" fail '[1]'
 expect "HTTP notify answered 204" 0 '' --notify "$rpc" add '[1,2]'
 check "HTTP notify: status 204" said "HTTP status 204"
-seq -s, 1 30000 | sed 's/^/[/; s/$/]/' | tr -d '\n' > numbers.json
-expect "HTTP params from a file" 0 '"items":30000' "$rpc" measure @numbers.json
+expect "HTTP params from a file" 0 '"items":40000' "$rpc" measure @numbers.json
 "$call" "$rpc" measure - < numbers.json > out 2> err; rc=$?
 check "HTTP params from standard input: exit 0" test "$rc" -eq 0
-check "HTTP params from standard input: all items" grep -qF '"items":30000' out
+check "HTTP params from standard input: all items" grep -qF '"items":40000' out
 
 start_node answers "$here/http_answers.js"
 answers=http://127.0.0.1:$PORT
