@@ -120,6 +120,12 @@ check "a cut-off params file: named" said "cut.json: not one JSON document: pars
 printf '[1] [2]' | "$call" "$addr" echo - > out 2> err; rc=$?
 check "two documents on standard input: exit 2" test "$rc" -eq 2
 check "two documents on standard input: named" said "standard input: not one JSON document"
+: | "$call" "$addr" echo - > out 2> err; rc=$?
+check "empty standard input: exit 2" test "$rc" -eq 2
+check "empty standard input: named" said "standard input: not one JSON document: parse error: premature EOF"
+{ printf '%.0s[' $(seq 1 200); printf '%.0s]' $(seq 1 200); } > deep.json
+expect "params nested 200 deep" 2 '' "$addr" echo @deep.json
+check "params nested 200 deep: named" said "deep.json: not one JSON document: nested deeper than a message may be"
 # The host is still there after the refused sends.
 expect "echo after refused params" 0 '"result":"still here"' "$addr" echo '"still here"'
 # With content-length framing the transport holds the request to learn its
