@@ -90,7 +90,7 @@ wait "${callers[@]}"
 for i in 1 2 3; do echo "call $i: exit $(cat "$work/short$i.rc") $(cat "$work/short$i.out")"; done
 echo "long call: $(cat "$work/long.out")"
 echo "host log: $(grep -m1 'Failed to schedule task' "$work/small.err")"
-echo "(a refused call gets no answer: its caller's time limit ends it, exit 3)"
+echo "(a refused call is answered -32000 \"Server busy\" at once: exit 1)"
 
 echo
 echo "== clean stop (SIGTERM)"
