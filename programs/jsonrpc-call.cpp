@@ -10,7 +10,9 @@
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_service.h"
+#include "json_rpc/json_rpc_handler.h"
 #include "json_rpc/json_rpc_session.h"
+#include "json_spirit/json_spirit_writer.h"
 #include "transport/tcp_channel.h"
 #include "tessel/http_client.h"
 #include "transport/tcp_connector.h"
@@ -18,6 +20,7 @@
 #include <ace/Log_Msg.h>
 #include <ace/SSL/SSL_Context.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -84,7 +87,8 @@ namespace
     "  2  bad usage or input: an unknown option or bad value, PARAMS or BODY\n"
     "     that is not one JSON document, a file that can't be read\n"
     "  3  the exchange failed: no connection, no answer in time, the connection\n"
-    "     closed, or an answer cut off or not JSON (never printed as an answer)\n";
+    "     closed, SIGINT or SIGTERM before the answer, or an answer cut off or\n"
+    "     not JSON (never printed as an answer)\n";
 
   // What the transport may hold of one request with content-length framing.
   const unsigned long long held_limit = 64ULL << 20;
@@ -236,19 +240,35 @@ namespace
     Waiter& waiter_;
   };
 
-  // The answer to a request, printed to out; the exit status that goes
-  // with it.
-  int print_answer(bool answered, const JSON_RPC_Object_Ptr& response, const std::string& method, FILE* out)
+  // Takes the answer to one call from the thread that dispatches it.
+  class Answer_Handler : public JSON_RPC_Handler
   {
-    if (!answered || !response.get())
+  public:
+    explicit Answer_Handler(Waiter& waiter) : waiter_(waiter) {}
+
+    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
     {
-      std::fprintf(stderr, "jsonrpc-call: no answer to '%s'\n", method.c_str());
-      return EXIT_FAILED;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (answer_.get())
+          return 0;
+        answer_ = object;
+      }
+      waiter_.wake('a');
+      return 0;
     }
-    std::fprintf(out, "%s\n", to_json(*response).c_str());
-    std::fflush(out);
-    return response->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
-  }
+
+    JSON_RPC_Object_Ptr answer()
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      return answer_;
+    }
+
+  private:
+    Waiter& waiter_;
+    std::mutex mutex_;
+    JSON_RPC_Object_Ptr answer_;
+  };
 
   // A send that stopped for the params' sake is bad input, not a failure.
   int input_failed(const JSON_Source* params, int otherwise)
@@ -259,6 +279,63 @@ namespace
     return EXIT_USAGE;
   }
 
+  // One call: the request generated onto the channel while its params are
+  // read, then its answer, printed to out, until it comes, the connection
+  // closes, a signal comes or timeout seconds (negative: no limit) pass.
+  // The exit status that goes with it.
+  int call(TCP_Channel& channel, const std::string& method, JSON_Source* params, long long timeout, Waiter& waiter,
+           FILE* out)
+  {
+    std::string id = JSON_RPC_Id_Generator::get();
+    Answer_Handler* answers = new Answer_Handler(waiter);
+    JSON_RPC_Handler_Ptr handler(answers);
+    json_spirit::Value key(id);
+    // In the table before the first byte goes out, so no answer overtakes it.
+    if (JSON_RPC_Response_Map::instance()->insert(key, handler) != 0)
+    {
+      std::fprintf(stderr, "jsonrpc-call: no room for the call\n");
+      return EXIT_FAILED;
+    }
+    Call_Generator request(method, id, params);
+    int status = EXIT_FAILED;
+    if (channel.send_generator(request) == -1)
+    {
+      int error = errno;
+      status = input_failed(params, EXIT_FAILED);
+      if (status == EXIT_FAILED)
+        std::fprintf(stderr, "jsonrpc-call: the request was not sent: %s\n", std::strerror(error));
+    }
+    else
+    {
+      // Other wake-ups (a count reached early) are given back afterwards.
+      std::string others;
+      int why;
+      while ((why = waiter.wait(timeout < 0 ? -1 : timeout * 1000)) != 0 && why != 'a' && why != 'x' &&
+             why != SIGINT && why != SIGTERM)
+        others += static_cast<char>(why);
+      JSON_RPC_Object_Ptr answer = answers->answer();
+      if (answer.get())
+      {
+        std::fprintf(out, "%s\n", to_json(*answer).c_str());
+        std::fflush(out);
+        status = answer->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
+      }
+      else if (why == 'x')
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': the connection closed\n", method.c_str());
+      else if (why == 0)
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s' within %lld s\n", method.c_str(), timeout);
+      else
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': stopped by signal %d\n", method.c_str(), why);
+      // A closed connection or a signal still counts for what follows.
+      if (why == 'x' || why == SIGINT || why == SIGTERM)
+        others += static_cast<char>(why == 'x' ? 'x' : 's');
+      for (char c : others)
+        waiter.wake(c);
+    }
+    JSON_RPC_Response_Map::instance()->remove(key);
+    return status;
+  }
+
   int run_tcp(const Options& o, const ACE_INET_Addr& addr, JSON_Source* params, long long timeout, Waiter& waiter)
   {
     TCP_Options tcp = o.tcp;
@@ -267,24 +344,24 @@ namespace
     tcp.register_channel = false;
     tcp.on_close = [&waiter](TCP_Channel&) { waiter.wake('x'); };
     ACE_Time_Value connect_limit(static_cast<time_t>(o.connect_timeout));
-    JSON_RPC_Channel_Strong_Ptr channel;
-    if (TCP_Connector::connect(channel, addr, tcp, &connect_limit) == -1)
+    JSON_RPC_Channel_Strong_Ptr strong;
+    if (TCP_Connector::connect(strong, addr, tcp, &connect_limit) == -1)
     {
       std::fprintf(stderr, "jsonrpc-call: can't connect to %s: %s\n", o.positional[0].c_str(), std::strerror(errno));
       return EXIT_FAILED;
     }
-    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+    TCP_Channel& channel = *TCP_Channel::cast(strong);
     int status;
     if (o.subscribe)
     {
       JSON_RPC_Channel_Strong_Ptr printer(new Printer(o.count, waiter));
       JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(printer), {"*"});
-      json_spirit::Array subjects(o.subjects.begin(), o.subjects.end());
-      JSON_RPC_Object_Ptr response;
-      bool answered = session.request(JSON_RPC_Session::make_rpc_request(o.subscribe_method, subjects), response,
-                                      timeout);
+      JSON_Source subjects;
+      subjects.open(json_spirit::write_string(json_spirit::Value(json_spirit::Array(o.subjects.begin(),
+                                                                                    o.subjects.end()))),
+                    "SUBJECT");
       // Standard output is for the notifications.
-      status = print_answer(answered, response, o.subscribe_method, stderr);
+      status = call(channel, o.subscribe_method, &subjects, timeout, waiter, stderr);
       if (status == EXIT_RESULT)
         status = waiter.wait() == 'x' ? EXIT_FAILED : EXIT_RESULT;
       JSON_RPC_Notify_Manager::instance()->unsubscribe(JSON_RPC_Channel_Weak_Ptr(printer));
@@ -292,19 +369,13 @@ namespace
     else if (o.notify)
     {
       Call_Generator notification(o.positional[1], std::string(), params);
-      status = channel->send_generator(notification) == 0 ? EXIT_RESULT : input_failed(params, EXIT_FAILED);
+      status = channel.send_generator(notification) == 0 ? EXIT_RESULT : input_failed(params, EXIT_FAILED);
       if (status == EXIT_FAILED)
         std::fprintf(stderr, "jsonrpc-call: the notification was not sent: %s\n", std::strerror(errno));
     }
     else
-    {
-      JSON_RPC_Object_Ptr response;
-      bool answered = session.request(o.positional[1].c_str(), params, response, timeout);
-      status = input_failed(answered ? nullptr : params, EXIT_RESULT);
-      if (status == EXIT_RESULT)
-        status = print_answer(answered, response, o.positional[1], stdout);
-    }
-    TCP_Channel::cast(channel)->close();
+      status = call(channel, o.positional[1], params, timeout, waiter, stdout);
+    channel.close();
     return status;
   }
 

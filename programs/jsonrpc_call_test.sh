@@ -138,6 +138,25 @@ seq -s, 1 40000 | sed 's/^/[/; s/$/]/' | tr -d '\n' > numbers.json
 expect "229 KB of params from a file" 0 '"result":800020000}' "$addr" sum.stream @numbers.json
 expect "notify with params from a file" 0 '' --notify "$addr" echo @small.json
 expect "unknown method" 1 '"code":-32601' "$addr" no.such.method
+# A call ends with its connection, its time limit or a signal, whichever
+# comes first; only the answer goes to standard output.
+expect "framing the host refuses" 3 '' --timeout 30 --framing ndjson "$addr" echo '[1]'
+check "framing the host refuses: said so" said "no answer to 'echo': the connection closed"
+expect "no answer in time" 3 '' --timeout 1 "$addr" slow.sleep 3000
+check "no answer in time: said so" said "no answer to 'slow.sleep' within 1 s"
+"$call" "$addr" slow.sleep 5000 > out 2> err &
+caller=$!
+# Once SIGTERM is blocked (bit 15 of SigBlk), it comes to the caller's wait.
+for _ in $(seq 1 100); do
+  mask=$(sed -n 's/^SigBlk:\s*//p' "/proc/$caller/status" 2> /dev/null)
+  [ -n "$mask" ] && (( 0x$mask & 0x4000 )) && break
+  sleep 0.05
+done
+kill -TERM "$caller"
+wait "$caller"
+rc=$?
+check "a call stopped by SIGTERM: exit 3 (got $rc)" test "$rc" -eq 3
+check "a call stopped by SIGTERM: said so" said "no answer to 'slow.sleep': stopped by signal 15"
 
 # A large params file streams over NDJSON framing while the host's params
 # filter sums it: the client's peak memory stays far below the file's size.
