@@ -31,5 +31,5 @@ if cmake --build "$build" --target help | grep '^\.\.\. rpc_bench$' >/dev/null; 
   cmake --build "$build" -j2 --target rpc_bench >/dev/null
   "$build/bin/rpc_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 else
-  echo "skipped: libjson-rpc-cpp (libjsonrpccpp-dev) is not installed; scripts/setup.sh installs it"
+  echo "skipped: libjson-rpc-cpp (libjsonrpccpp-dev) is not installed; scripts/setup.sh --bench installs it"
 fi

@@ -1,70 +1,97 @@
-// jsonrpc-call: calls one method on a JSON-RPC host over TCP, or subscribes
-// to subjects and prints what is published.
-//
-//   jsonrpc-call [OPTIONS] HOST:PORT METHOD [JSON-PARAMS]
-//   jsonrpc-call [OPTIONS] HOST:PORT --subscribe SUBJECT...
-//   jsonrpc-call [OPTIONS] http[s]://HOST[:PORT][/PATH] METHOD [JSON-PARAMS]
-//   jsonrpc-call [OPTIONS] --rest GET|POST|PUT|DELETE http[s]://HOST[:PORT]/PATH [JSON-BODY]
-//
-// Over HTTP a call is one POST (JSON-RPC over HTTP), and --rest speaks to
-// a JSON REST service; both print the response document on standard output
-// and the HTTP status on standard error.
-//
-//   --framing content-length|ndjson   as the host frames (content-length)
-//   --timeout SECONDS                 for the connection and the answer
-//                                     (default: JSON_RPC_REQUEST_TIMEOUT, or 60)
-//   --notify                          send METHOD as a notification; no answer
-//   --count N                         with --subscribe: stop after N notifications
-//   --subscribe-method NAME           the host's method that subscribes (subscribe)
-//   --rest VERB                       a REST request instead of a JSON-RPC call
-//
-// A call prints the response document on standard output. A subscription
-// calls the host's subscribe method with the subjects (its answer goes to
-// standard error), then prints each notification that arrives, one
-// document per line, until SIGINT or SIGTERM, the count, or the host's end.
-//
-// Exit status: 0 for a result (or a sent notification, or a subscription
-// that ended by signal or count), 1 for an error response, 2 for bad usage,
-// 3 when the call failed: no connection, no answer in time, or the host
-// closed the connection.
+// jsonrpc-call: calls one method on a JSON-RPC host over TCP or HTTP,
+// subscribes to subjects and prints what is published, or sends one REST
+// request. Its options and exit statuses are in the help text below.
+#include "call_generator.h"
+#include "call_http.h"
+#include "json_source.h"
+#include "program_args.h"
 #include "program_util.h"
 
-#include "json_rpc/json_restful_client.h"
 #include "json_rpc/json_rpc_channel.h"
-#include "json_rpc/json_rpc_http_session.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_service.h"
+#include "json_rpc/json_rpc_handler.h"
 #include "json_rpc/json_rpc_session.h"
-#include "json_spirit/json_spirit_reader.h"
 #include "json_spirit/json_spirit_writer.h"
 #include "transport/tcp_channel.h"
+#include "tessel/http_client.h"
 #include "transport/tcp_connector.h"
 
 #include <ace/Log_Msg.h>
+#include <ace/SSL/SSL_Context.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
+
+using namespace program;
 
 namespace
 {
-  const char usage[] =
-    "usage: jsonrpc-call [OPTIONS] HOST:PORT METHOD [JSON-PARAMS]\n"
+  const char help[] =
+    "Usage: jsonrpc-call [OPTIONS] HOST:PORT METHOD [PARAMS]\n"
     "       jsonrpc-call [OPTIONS] HOST:PORT --subscribe SUBJECT...\n"
-    "       jsonrpc-call [OPTIONS] http[s]://HOST[:PORT][/PATH] METHOD [JSON-PARAMS]\n"
-    "       jsonrpc-call [OPTIONS] --rest GET|POST|PUT|DELETE http[s]://HOST[:PORT]/PATH [JSON-BODY]\n"
-    "options: --framing content-length|ndjson  --timeout SECONDS  --notify\n"
-    "         --count N  --subscribe-method NAME\n";
+    "       jsonrpc-call [OPTIONS] http[s]://HOST[:PORT][/PATH] METHOD [PARAMS]\n"
+    "       jsonrpc-call [OPTIONS] --rest VERB http[s]://HOST[:PORT]/PATH [BODY]\n"
+    "\n"
+    "Calls METHOD on a JSON-RPC host over TCP (such as jsonrpc-host) or over\n"
+    "HTTP (one POST per call), subscribes to subjects on a host and prints what\n"
+    "is published, or sends one REST request. The answer's document goes to\n"
+    "standard output; over HTTP its status goes to standard error.\n"
+    "\n"
+    "PARAMS and BODY are JSON text, @FILE for the contents of FILE, or - for\n"
+    "standard input. A file or standard input is read and checked while the\n"
+    "request is sent, and never held whole: over HTTP the body goes out in\n"
+    "chunks, and over TCP with --framing ndjson it streams to the socket. With\n"
+    "content-length framing the transport must know a message's length before\n"
+    "it sends it and holds the whole request: there, params from a file or\n"
+    "standard input are refused beyond 64 MiB (use ndjson on both ends). A\n"
+    "document found bad while it is sent stops the request (a connection that\n"
+    "has part of it is broken off): nothing reaches the method.\n"
+    "\n"
+    "Options:\n"
+    "  --framing content-length|ndjson\n"
+    "                           TCP framing, the host's (default content-length)\n"
+    "  --timeout SECONDS        time for the answer once the request is sent\n"
+    "                           (default: JSON_RPC_REQUEST_TIMEOUT, or 60); over\n"
+    "                           HTTP, for each wait on the connection\n"
+    "  --connect-timeout SECONDS\n"
+    "                           time for connecting, TLS included (default 10)\n"
+    "  --notify                 send METHOD as a notification: over TCP nothing\n"
+    "                           is awaited; over HTTP any 2xx status is success\n"
+    "  --subscribe SUBJECT...   call the host's subscribe method with the\n"
+    "                           subjects (its answer goes to standard error),\n"
+    "                           then print each notification, one per line,\n"
+    "                           until SIGINT or SIGTERM, --count, or the host's\n"
+    "                           end; every argument after it is a subject\n"
+    "  --count N                with --subscribe: stop after N notifications\n"
+    "  --subscribe-method NAME  the host's method that subscribes (subscribe)\n"
+    "  --rest VERB              a REST request, GET, POST, PUT or DELETE, instead\n"
+    "                           of a JSON-RPC call; GET and DELETE take no BODY\n"
+    "  --cacert FILE            for https: trust the certificates in FILE (PEM)\n"
+    "                           instead of the system's\n"
+    "  --insecure               for https: accept any server certificate\n"
+    "  --peak-rss               at the end, print the peak resident memory of\n"
+    "                           the process on standard error\n"
+    "  -h, --help               print this text\n"
+    "\n"
+    "Exit status:\n"
+    "  0  a result; a notification sent (over HTTP: answered with 2xx); a\n"
+    "     subscription ended by signal or --count; a REST answer of status 2xx\n"
+    "  1  an error response; over HTTP, a status outside 2xx\n"
+    "  2  bad usage or input: an unknown option or bad value, PARAMS or BODY\n"
+    "     that is not one JSON document, a file that can't be read\n"
+    "  3  the exchange failed: no connection, no answer in time, the connection\n"
+    "     closed, SIGINT or SIGTERM before the answer, or an answer cut off or\n"
+    "     not JSON (never printed as an answer)\n";
 
-  enum Exit
-  {
-    EXIT_RESULT = 0,
-    EXIT_ERROR_RESPONSE = 1,
-    EXIT_USAGE = 2,
-    EXIT_FAILED = 3
-  };
+  // What the transport may hold of one request with content-length framing.
+  const unsigned long long held_limit = 64ULL << 20;
 
   struct Options
   {
@@ -73,61 +100,113 @@ namespace
     bool subscribe = false;
     bool notify = false;
     long long timeout = 0;
+    long long connect_timeout = 10;
     long long count = 0;
     std::string subscribe_method = "subscribe";
     std::string rest;
+    std::string cacert;
+    bool insecure = false;
+    bool peak_rss = false;
+    bool help = false;
     TCP_Options tcp;
   };
 
-  bool parse_number(const char* text, long long& value)
+  bool parse(Args& args, Options& o)
   {
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtoll(text, &end, 10);
-    return !errno && *text && !*end && value >= 0;
-  }
-
-  bool parse(int argc, char** argv, Options& o)
-  {
-    for (int i = 1; i < argc; ++i)
+    const long long seconds = 2147483;
+    std::string text;
+    while (args.next())
     {
-      std::string a = argv[i];
-      bool has_value = i + 1 < argc;
       if (o.subscribe)
-        o.subjects.push_back(a);
-      else if (a == "--subscribe")
-        o.subscribe = true;
-      else if (a == "--notify")
-        o.notify = true;
-      else if (a == "--framing" && has_value)
+        o.subjects.push_back(args.arg());
+      else if (!args.option())
+        o.positional.push_back(args.arg());
+      else if (args.is("--help", "-h") || args.is("--subscribe") || args.is("--notify") || args.is("--insecure") ||
+               args.is("--peak-rss"))
       {
-        if (!program::parse_framing(argv[++i], o.tcp.framing))
+        if (!args.flag())
+          return false;
+        bool& flag = args.is("--help", "-h") ? o.help
+                     : args.is("--subscribe") ? o.subscribe
+                     : args.is("--notify")    ? o.notify
+                     : args.is("--insecure")  ? o.insecure
+                                              : o.peak_rss;
+        flag = true;
+      }
+      else if (args.is("--framing"))
+      {
+        if (!args.value(text))
+          return false;
+        if (!parse_framing(text.c_str(), o.tcp.framing))
+          return args.refuse("bad value '" + text + "' for --framing: content-length or ndjson");
+      }
+      else if (args.is("--timeout"))
+      {
+        if (!args.number(o.timeout, 1, seconds))
           return false;
       }
-      else if (a == "--timeout" && has_value)
+      else if (args.is("--connect-timeout"))
       {
-        if (!parse_number(argv[++i], o.timeout))
+        if (!args.number(o.connect_timeout, 1, seconds))
           return false;
       }
-      else if (a == "--count" && has_value)
+      else if (args.is("--count"))
       {
-        if (!parse_number(argv[++i], o.count))
+        if (!args.number(o.count, 1, 1LL << 62))
           return false;
       }
-      else if (a == "--subscribe-method" && has_value)
-        o.subscribe_method = argv[++i];
-      else if (a == "--rest" && has_value)
-        o.rest = argv[++i];
-      else if (a.size() > 2 && a.compare(0, 2, "--") == 0)
-        return false;
+      else if (args.is("--subscribe-method"))
+      {
+        if (!args.value(o.subscribe_method))
+          return false;
+      }
+      else if (args.is("--rest"))
+      {
+        if (!args.value(o.rest))
+          return false;
+        if (rest_method(o.rest) == -1)
+          return args.refuse("bad value '" + o.rest + "' for --rest: GET, POST, PUT or DELETE");
+      }
+      else if (args.is("--cacert"))
+      {
+        if (!args.value(o.cacert))
+          return false;
+      }
       else
-        o.positional.push_back(a);
+        return args.unknown();
     }
+    if (o.help)
+      return true;
     if (o.subscribe)
-      return o.positional.size() == 1 && !o.subjects.empty() && !o.notify && o.rest.empty();
+    {
+      if (o.positional.size() != 1)
+        return args.refuse("--subscribe wants HOST:PORT before it");
+      if (o.subjects.empty())
+        return args.refuse("--subscribe wants at least one SUBJECT");
+      if (o.notify || !o.rest.empty())
+        return args.refuse("--subscribe goes with neither --notify nor --rest");
+      return true;
+    }
+    if (o.count)
+      return args.refuse("--count goes with --subscribe only");
     if (!o.rest.empty())
-      return (o.positional.size() == 1 || o.positional.size() == 2) && !o.notify;
-    return o.positional.size() == 2 || o.positional.size() == 3;
+    {
+      if (o.positional.empty())
+        return args.refuse("--rest wants a URL");
+      if (o.positional.size() > 2)
+        return args.refuse("unexpected argument '" + o.positional[2] + "'");
+      if (o.notify)
+        return args.refuse("--notify goes with JSON-RPC calls, not --rest");
+      int method = rest_method(o.rest);
+      if (o.positional.size() == 2 && (method == HTTP_Request::METHOD_GET || method == HTTP_Request::METHOD_DELETE))
+        return args.refuse("--rest " + o.rest + " takes no BODY");
+      return true;
+    }
+    if (o.positional.size() < 2)
+      return args.refuse(o.positional.empty() ? "no address given" : "no METHOD given");
+    if (o.positional.size() > 3)
+      return args.refuse("unexpected argument '" + o.positional[3] + "'");
+    return true;
   }
 
   // Where the notifications that the host publishes to us end up: the
@@ -136,12 +215,12 @@ namespace
   class Printer : public JSON_RPC_Channel
   {
   public:
-    Printer(long long limit, program::Waiter& waiter) : limit_(limit), printed_(0), waiter_(waiter) {}
+    Printer(long long limit, Waiter& waiter) : limit_(limit), printed_(0), waiter_(waiter) {}
 
     int send_object(JSON_RPC_Object_Ptr object) override
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      std::printf("%s\n", program::to_json(*object).c_str());
+      std::printf("%s\n", to_json(*object).c_str());
       std::fflush(stdout);
       if (++printed_ == limit_)
         waiter_.wake('c');
@@ -158,191 +237,236 @@ namespace
     std::mutex mutex_;
     long long limit_;
     long long printed_;
-    program::Waiter& waiter_;
+    Waiter& waiter_;
   };
 
-  // The answer to one request, printed to out; the exit status that goes
-  // with it.
-  int call(JSON_RPC_Session& session, JSON_RPC_Object_Ptr request, long long timeout, FILE* out)
+  // Takes the answer to one call from the thread that dispatches it.
+  class Answer_Handler : public JSON_RPC_Handler
   {
-    JSON_RPC_Object_Ptr response;
-    if (!session.request(request, response, timeout) || !response.get())
-    {
-      std::fprintf(stderr, "jsonrpc-call: no answer to '%s'\n",
-                   static_cast<const JSON_RPC_Request&>(*request).method.c_str());
-      return EXIT_FAILED;
-    }
-    std::fprintf(out, "%s\n", program::to_json(*response).c_str());
-    std::fflush(out);
-    return response->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
-  }
+  public:
+    explicit Answer_Handler(Waiter& waiter) : waiter_(waiter) {}
 
-  // http[s]://HOST[:PORT][/PATH], HOST possibly an IPv6 address in brackets.
-  struct URL
-  {
-    bool ssl = false;
-    std::string host;
-    unsigned short port = 0;
-    std::string path = "/";
+    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
+    {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (answer_.get())
+          return 0;
+        answer_ = object;
+      }
+      waiter_.wake('a');
+      return 0;
+    }
+
+    JSON_RPC_Object_Ptr answer()
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      return answer_;
+    }
+
+  private:
+    Waiter& waiter_;
+    std::mutex mutex_;
+    JSON_RPC_Object_Ptr answer_;
   };
 
-  bool parse_url(const std::string& text, URL& url)
+  // A send that stopped for the params' sake is bad input, not a failure.
+  int input_failed(const JSON_Source* params, int otherwise)
   {
-    size_t rest;
-    if (text.compare(0, 7, "http://") == 0)
-      rest = 7;
-    else if (text.compare(0, 8, "https://") == 0)
+    if (!params || params->error().empty())
+      return otherwise;
+    std::fprintf(stderr, "jsonrpc-call: %s\n", params->error().c_str());
+    return EXIT_USAGE;
+  }
+
+  // One call: the request generated onto the channel while its params are
+  // read, then its answer, printed to out, until it comes, the connection
+  // closes, a signal comes or timeout seconds (negative: no limit) pass.
+  // The exit status that goes with it.
+  int call(TCP_Channel& channel, const std::string& method, JSON_Source* params, long long timeout, Waiter& waiter,
+           FILE* out)
+  {
+    std::string id = JSON_RPC_Id_Generator::get();
+    Answer_Handler* answers = new Answer_Handler(waiter);
+    JSON_RPC_Handler_Ptr handler(answers);
+    json_spirit::Value key(id);
+    // In the table before the first byte goes out, so no answer overtakes it.
+    if (JSON_RPC_Response_Map::instance()->insert(key, handler) != 0)
     {
-      url.ssl = true;
-      rest = 8;
+      std::fprintf(stderr, "jsonrpc-call: no room for the call\n");
+      return EXIT_FAILED;
+    }
+    Call_Generator request(method, id, params);
+    int status = EXIT_FAILED;
+    if (channel.send_generator(request) == -1)
+    {
+      int error = errno;
+      status = input_failed(params, EXIT_FAILED);
+      if (status == EXIT_FAILED)
+        std::fprintf(stderr, "jsonrpc-call: the request was not sent: %s\n", std::strerror(error));
     }
     else
-      return false;
-    size_t slash = text.find('/', rest);
-    std::string authority = text.substr(rest, slash == std::string::npos ? std::string::npos : slash - rest);
-    if (slash != std::string::npos)
-      url.path = text.substr(slash);
-    size_t colon = authority.rfind(':');
-    if (colon != std::string::npos && authority.find(']', colon) == std::string::npos)
     {
-      long long port;
-      if (!parse_number(authority.c_str() + colon + 1, port) || port < 1 || port > 65535)
-        return false;
-      url.port = static_cast<unsigned short>(port);
-      authority.resize(colon);
+      // Other wake-ups (a count reached early) are given back afterwards.
+      std::string others;
+      int why;
+      while ((why = waiter.wait(timeout < 0 ? -1 : timeout * 1000)) != 0 && why != 'a' && why != 'x' &&
+             why != SIGINT && why != SIGTERM)
+        others += static_cast<char>(why);
+      JSON_RPC_Object_Ptr answer = answers->answer();
+      if (answer.get())
+      {
+        std::fprintf(out, "%s\n", to_json(*answer).c_str());
+        std::fflush(out);
+        status = answer->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
+      }
+      else if (why == 'x')
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': the connection closed\n", method.c_str());
+      else if (why == 0)
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s' within %lld s\n", method.c_str(), timeout);
+      else
+        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': stopped by signal %d\n", method.c_str(), why);
+      // A closed connection or a signal still counts for what follows.
+      if (why == 'x' || why == SIGINT || why == SIGTERM)
+        others += static_cast<char>(why == 'x' ? 'x' : 's');
+      for (char c : others)
+        waiter.wake(c);
     }
-    else
-      url.port = url.ssl ? 443 : 80;
-    if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']')
-      authority = authority.substr(1, authority.size() - 2);
-    url.host = authority;
-    return !url.host.empty();
+    JSON_RPC_Response_Map::instance()->remove(key);
+    return status;
   }
 
-  int print_http(bool exchanged, const HTTP_Response& response, const json_spirit::Value& doc, bool ok)
-  {
-    if (!exchanged)
-    {
-      std::fprintf(stderr, "jsonrpc-call: the exchange failed (see the log above)\n");
-      return EXIT_FAILED;
-    }
-    std::fprintf(stderr, "HTTP status %d\n", response.status());
-    std::printf("%s\n", JSON_Dump(doc, false).c_str());
-    std::fflush(stdout);
-    return ok ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
-  }
-
-  // JSON-RPC over HTTP: one POST whose body is the request.
-  int run_http_rpc(const Options& o, const URL& url, const json_spirit::Value& params, bool have_params,
-                   long long timeout)
-  {
-    HTTP_Session_Ptr session = HTTP_Session_Factory::create(url.host.c_str(), url.port, url.ssl, nullptr, 3, nullptr,
-                                                            false, static_cast<int>(timeout),
-                                                            static_cast<int>(timeout), 0, 0);
-    if (!session.get())
-    {
-      std::fprintf(stderr, "jsonrpc-call: no HTTP session for %s\n", o.positional[0].c_str());
-      return EXIT_FAILED;
-    }
-    JSON_RPC_HTTP_Session rpc(session, url.path.c_str(), 0, 0);
-    json_spirit::Value body(rpc.make_json_rpc_body(o.positional[1].c_str(), have_params ? &params : nullptr));
-    if (o.notify)
-      body.get_obj().erase("id");
-    HTTP_Request request(HTTP_Request::METHOD_POST, url.path.c_str());
-    HTTP_Response response;
-    json_spirit::Value doc;
-    bool exchanged = rpc.request(request, &body, response, &doc);
-    bool ok = response.status() >= 200 && response.status() <= 299 && doc.type() == json_spirit::obj_type &&
-              doc.get_obj().count("error") == 0;
-    if (o.notify && exchanged)
-      ok = response.status() >= 200 && response.status() <= 299;
-    return print_http(exchanged, response, doc, ok);
-  }
-
-  int run_rest(const Options& o, const URL& url, const json_spirit::Value& body, bool have_body, long long timeout)
-  {
-    static const struct
-    {
-      const char* name;
-      int method;
-    } verbs[] = {{"GET", HTTP_Request::METHOD_GET},
-                 {"POST", HTTP_Request::METHOD_POST},
-                 {"PUT", HTTP_Request::METHOD_PUT},
-                 {"DELETE", HTTP_Request::METHOD_DELETE}};
-    int method = -1;
-    for (const auto& v : verbs)
-      if (o.rest == v.name)
-        method = v.method;
-    if (method == -1)
-    {
-      std::fprintf(stderr, "jsonrpc-call: --rest takes GET, POST, PUT or DELETE, not '%s'\n", o.rest.c_str());
-      return EXIT_USAGE;
-    }
-    JSON_RESTful_Client client(true);
-    if (!client.reset(url.host.c_str(), url.port, url.ssl, static_cast<int>(timeout), static_cast<int>(timeout), 0,
-                      0, 0))
-    {
-      std::fprintf(stderr, "jsonrpc-call: no HTTP session for %s\n", o.positional[0].c_str());
-      return EXIT_FAILED;
-    }
-    HTTP_Request request(method, url.path.c_str());
-    HTTP_Response response;
-    json_spirit::Value out;
-    const json_spirit::Value* b = have_body ? &body : nullptr;
-    bool ok;
-    switch (method)
-    {
-    case HTTP_Request::METHOD_GET: ok = client.get(request, response, &out); break;
-    case HTTP_Request::METHOD_POST: ok = client.post(request, b, response, &out); break;
-    case HTTP_Request::METHOD_PUT: ok = client.put(request, b, response, &out); break;
-    default: ok = client.del(request, response, &out); break;
-    }
-    // A refused status still brings the server's document: show it.
-    return print_http(ok || response.status() != 0, response, out, ok);
-  }
-
-  int run(const Options& o, const ACE_INET_Addr& addr, json_spirit::Value params, program::Waiter& waiter)
+  int run_tcp(const Options& o, const ACE_INET_Addr& addr, JSON_Source* params, long long timeout, Waiter& waiter)
   {
     TCP_Options tcp = o.tcp;
     // A client is nobody's registered peer, and its own registration notices
     // would reach the printer.
     tcp.register_channel = false;
     tcp.on_close = [&waiter](TCP_Channel&) { waiter.wake('x'); };
-    long long timeout = o.timeout;
-    if (timeout == 0)
-      JSON_RPC_Session().get_timeout_env(timeout);
-    ACE_Time_Value connect_limit(static_cast<time_t>(timeout));
-    JSON_RPC_Channel_Strong_Ptr channel;
-    if (TCP_Connector::connect(channel, addr, tcp, &connect_limit) == -1)
+    ACE_Time_Value connect_limit(static_cast<time_t>(o.connect_timeout));
+    JSON_RPC_Channel_Strong_Ptr strong;
+    if (TCP_Connector::connect(strong, addr, tcp, &connect_limit) == -1)
     {
       std::fprintf(stderr, "jsonrpc-call: can't connect to %s: %s\n", o.positional[0].c_str(), std::strerror(errno));
       return EXIT_FAILED;
     }
-    JSON_RPC_Session session{JSON_RPC_Channel_Weak_Ptr(channel)};
+    TCP_Channel& channel = *TCP_Channel::cast(strong);
     int status;
     if (o.subscribe)
     {
       JSON_RPC_Channel_Strong_Ptr printer(new Printer(o.count, waiter));
       JSON_RPC_Notify_Manager::instance()->subscribe(JSON_RPC_Channel_Weak_Ptr(printer), {"*"});
-      json_spirit::Array subjects(o.subjects.begin(), o.subjects.end());
+      JSON_Source subjects;
+      subjects.open(json_spirit::write_string(json_spirit::Value(json_spirit::Array(o.subjects.begin(),
+                                                                                    o.subjects.end()))),
+                    "SUBJECT");
       // Standard output is for the notifications.
-      status = call(session, JSON_RPC_Session::make_rpc_request(o.subscribe_method, subjects), timeout, stderr);
+      status = call(channel, o.subscribe_method, &subjects, timeout, waiter, stderr);
       if (status == EXIT_RESULT)
         status = waiter.wait() == 'x' ? EXIT_FAILED : EXIT_RESULT;
       JSON_RPC_Notify_Manager::instance()->unsubscribe(JSON_RPC_Channel_Weak_Ptr(printer));
     }
-    else
+    else if (o.notify)
     {
-      JSON_RPC_Object_Ptr request = JSON_RPC_Session::make_rpc_request(o.positional[1], std::move(params));
-      if (o.notify)
-      {
-        request->type = JSON_RPC_Object::TYPE_NOTIFICATION;
-        status = session.notify(request) ? EXIT_RESULT : EXIT_FAILED;
-      }
-      else
-        status = call(session, request, timeout, stdout);
+      Call_Generator notification(o.positional[1], std::string(), params);
+      status = channel.send_generator(notification) == 0 ? EXIT_RESULT : input_failed(params, EXIT_FAILED);
+      if (status == EXIT_FAILED)
+        std::fprintf(stderr, "jsonrpc-call: the notification was not sent: %s\n", std::strerror(errno));
     }
-    TCP_Channel::cast(channel)->close();
+    else
+      status = call(channel, o.positional[1], params, timeout, waiter, stdout);
+    channel.close();
+    return status;
+  }
+
+  int run(const Options& o)
+  {
+    URL url;
+    bool http = parse_url(o.positional[0], url);
+    if (!o.rest.empty() && !http)
+    {
+      std::fprintf(stderr, "jsonrpc-call: --rest wants an http:// or https:// URL, not '%s'\n",
+                   o.positional[0].c_str());
+      return EXIT_USAGE;
+    }
+    if ((!o.cacert.empty() || o.insecure) && !(http && url.ssl))
+    {
+      std::fprintf(stderr, "jsonrpc-call: %s is for https:// URLs\n", o.insecure ? "--insecure" : "--cacert");
+      return EXIT_USAGE;
+    }
+    if (!o.cacert.empty() && o.insecure)
+    {
+      std::fprintf(stderr, "jsonrpc-call: --cacert and --insecure exclude each other\n");
+      return EXIT_USAGE;
+    }
+    ACE_INET_Addr addr;
+    if (!http && !parse_address(o.positional[0].c_str(), addr))
+    {
+      std::fprintf(stderr, "jsonrpc-call: bad address '%s'\n", o.positional[0].c_str());
+      return EXIT_USAGE;
+    }
+    // The JSON operand: the params of a call, or the body of a REST request.
+    size_t json_at = o.rest.empty() ? 2 : 1;
+    std::unique_ptr<JSON_Source> params;
+    if (!o.subscribe && o.positional.size() > json_at)
+    {
+      params.reset(new JSON_Source);
+      if (!params->open(o.positional[json_at], o.rest.empty() ? "PARAMS" : "BODY"))
+      {
+        std::fprintf(stderr, "jsonrpc-call: %s\n", params->error().c_str());
+        return EXIT_USAGE;
+      }
+      if (!http && params->streamed() && o.tcp.framing == TCP_Options::FRAMING_CONTENT_LENGTH)
+      {
+        std::string why = "more than 64 MiB, which content-length framing would hold whole to know its length; "
+                          "use --framing ndjson (on both ends)";
+        if (params->size() > static_cast<long long>(held_limit))
+        {
+          std::fprintf(stderr, "jsonrpc-call: %s: %s\n", o.positional[json_at].c_str() + 1, why.c_str());
+          return EXIT_USAGE;
+        }
+        params->limit(held_limit, why);
+      }
+    }
+    long long timeout = o.timeout;
+    if (timeout == 0)
+      JSON_RPC_Session().get_timeout_env(timeout);
+    if (http)
+    {
+      std::unique_ptr<ACE_SSL_Context> context;
+      if (!o.cacert.empty())
+      {
+        context.reset(new ACE_SSL_Context);
+        context->set_mode(ACE_SSL_Context::SSLv23_client);
+        // Only this file: the system's store is not consulted.
+        if (context->load_trusted_ca(o.cacert.c_str(), nullptr, false) == -1)
+        {
+          std::fprintf(stderr, "jsonrpc-call: --cacert: no certificate could be read from '%s'\n", o.cacert.c_str());
+          return EXIT_USAGE;
+        }
+      }
+      ACE_LOG_MSG->priority_mask(LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
+      HTTP_Call call;
+      call.url = url;
+      call.rest = !o.rest.empty();
+      call.method = call.rest ? o.rest : o.positional[1];
+      call.notify = o.notify;
+      call.body = params.get();
+      call.timeout = timeout > 2147483 ? 2147483 : static_cast<int>(timeout);
+      call.connect_timeout = static_cast<int>(o.connect_timeout);
+      call.context = context.get();
+      call.insecure = o.insecure;
+      return run_http(call);
+    }
+    Waiter waiter;
+    // The library's own lines (a refused read, say) matter; its debug lines don't.
+    ACE_LOG_MSG->priority_mask(LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
+                               ACE_Log_Msg::PROCESS);
+    // The singletons the channel's thread works with, and their end.
+    JSON_RPC_Service library;
+    library.init(0, nullptr);
+    int status = run_tcp(o, addr, params.get(), timeout, waiter);
+    library.fini();
     return status;
   }
 }
@@ -350,56 +474,20 @@ namespace
 int main(int argc, char** argv)
 {
   Options o;
-  if (argc == 2 && std::string(argv[1]) == "--help")
+  Args args("jsonrpc-call", argc, argv);
+  if (!parse(args, o))
+    return EXIT_USAGE;
+  if (o.help)
   {
-    std::fputs(usage, stdout);
+    std::fputs(help, stdout);
     return EXIT_RESULT;
   }
-  if (!parse(argc, argv, o))
+  int status = run(o);
+  if (o.peak_rss)
   {
-    std::fputs(usage, stderr);
-    return EXIT_USAGE;
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    std::fprintf(stderr, "jsonrpc-call: peak RSS %ld KiB\n", usage.ru_maxrss);
   }
-  URL url;
-  bool http = parse_url(o.positional[0], url);
-  if (!o.rest.empty() && !http)
-  {
-    std::fprintf(stderr, "jsonrpc-call: --rest wants an http:// or https:// URL, not '%s'\n", o.positional[0].c_str());
-    return EXIT_USAGE;
-  }
-  ACE_INET_Addr addr;
-  if (!http && !program::parse_address(o.positional[0].c_str(), addr))
-  {
-    std::fprintf(stderr, "jsonrpc-call: bad address '%s'\n", o.positional[0].c_str());
-    return EXIT_USAGE;
-  }
-  // The JSON argument: the params of a call, or the body of a REST request.
-  size_t json_at = o.rest.empty() ? 2 : 1;
-  bool have_json = o.positional.size() > json_at;
-  json_spirit::Value params;
-  if (have_json && !json_spirit::read_string(o.positional[json_at], params))
-  {
-    std::fprintf(stderr, "jsonrpc-call: %s is not one JSON document: %s\n", o.rest.empty() ? "JSON-PARAMS" : "JSON-BODY",
-                 o.positional[json_at].c_str());
-    return EXIT_USAGE;
-  }
-  if (http)
-  {
-    long long timeout = o.timeout;
-    if (timeout == 0)
-      JSON_RPC_Session().get_timeout_env(timeout);
-    ACE_LOG_MSG->priority_mask(LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
-    return o.rest.empty() ? run_http_rpc(o, url, params, have_json, timeout)
-                          : run_rest(o, url, params, have_json, timeout);
-  }
-  program::Waiter waiter;
-  // The library's own lines (a refused read, say) matter; its debug lines don't.
-  ACE_LOG_MSG->priority_mask(LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
-                             ACE_Log_Msg::PROCESS);
-  // The singletons the channel's thread works with, and their end.
-  JSON_RPC_Service library;
-  library.init(0, nullptr);
-  int status = run(o, addr, std::move(params), waiter);
-  library.fini();
   return status;
 }

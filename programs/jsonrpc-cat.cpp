@@ -5,11 +5,12 @@
 // pieces of at most --piece bytes, so only the assembled object holds a
 // message.
 
+#include "program_args.h"
+
 #include "json_rpc/json_rpc_generator.h"
 #include "json_rpc/json_rpc_reader.h"
 #include "tessel/yajl_gen.h"
 
-#include <ace/Get_Opt.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -39,8 +40,11 @@ namespace
        << "                 single bytes)\n"
        << "  -h, --help     print this text\n"
        << "\n"
-       << "Exit status: 0 if every message gave an object, 1 if any was refused or\n"
-       << "gave none, 2 on a usage or input error.\n";
+       << "Exit status:\n"
+       << "  0  every message gave an object\n"
+       << "  1  a message was refused or gave none\n"
+       << "  2  bad usage (an unknown option, a bad value), or input that could not\n"
+       << "     be read, or standard output that could not be written\n";
   }
 
   // Hands bytes of one message to the reader in pieces of exactly `piece`
@@ -232,62 +236,53 @@ namespace
     YAJL_OStream_Printer printer_;
     unsigned long long bad_;
   };
-
-  bool parse_piece(char const* text, size_t& piece)
-  {
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long value = std::strtoull(text, &end, 10);
-    if (errno || end == text || *end || value == 0 || text[0] == '-' || value > (1ULL << 30))
-      return false;
-    piece = static_cast<size_t>(value);
-    return true;
-  }
 }
 
 int main(int argc, char* argv[])
 {
   std::ios::sync_with_stdio(false);
   size_t piece = 4096;
-
-  ACE_Get_Opt opts(argc, argv, ACE_TEXT("p:h"), 1, 1);
-  opts.long_option(ACE_TEXT("piece"), 'p', ACE_Get_Opt::ARG_REQUIRED);
-  opts.long_option(ACE_TEXT("help"), 'h', ACE_Get_Opt::NO_ARG);
-  for (int c; (c = opts()) != EOF;)
+  std::vector<std::string> files;
+  program::Args args("jsonrpc-cat", argc, argv);
+  while (args.next())
   {
-    switch (c)
+    if (!args.option())
+      files.push_back(args.arg());
+    else if (args.is("--help", "-h"))
     {
-    case 'p':
-      if (!parse_piece(opts.opt_arg(), piece))
-      {
-        std::cerr << "jsonrpc-cat: --piece wants a number of bytes from 1 to 1073741824, not '" << opts.opt_arg()
-                  << "'\n";
+      if (!args.flag())
         return 2;
-      }
-      break;
-    case 'h':
-      usage(std::cout, argv[0]);
+      usage(std::cout, "jsonrpc-cat");
       return 0;
-    default:
-      std::cerr << "Try '" << argv[0] << " --help'.\n";
+    }
+    else if (args.is("--piece", "-p"))
+    {
+      long long n;
+      if (!args.number(n, 1, 1LL << 30))
+        return 2;
+      piece = static_cast<size_t>(n);
+    }
+    else
+    {
+      args.unknown();
       return 2;
     }
   }
 
   Cat cat(piece);
   bool input_ok = true;
-  if (opts.opt_ind() >= argc)
+  if (files.empty())
     input_ok = cat.lines(0, "<stdin>");
-  for (int i = opts.opt_ind(); i < argc; ++i)
+  for (const std::string& name : files)
   {
-    int fd = ::open(argv[i], O_RDONLY);
+    int fd = ::open(name.c_str(), O_RDONLY);
     if (fd < 0)
     {
-      std::cerr << "jsonrpc-cat: " << argv[i] << ": " << std::strerror(errno) << "\n";
+      std::cerr << "jsonrpc-cat: " << name << ": " << std::strerror(errno) << "\n";
       input_ok = false;
       continue;
     }
-    input_ok = cat.file(fd, argv[i]) && input_ok;
+    input_ok = cat.file(fd, name.c_str()) && input_ok;
     ::close(fd);
   }
 

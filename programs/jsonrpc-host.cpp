@@ -1,32 +1,23 @@
 // jsonrpc-host: serves, over TCP, the handler libraries that a service
-// configuration file boots.
-//
-//   jsonrpc-host --listen HOST:PORT --svc-conf FILE
-//                [--framing content-length|ndjson] [--max-message-size BYTES]
-//                [--debug]
-//
-// The service configuration file is read by ACE's service configurator;
-// the JSON-RPC service is its `dynamic` line naming _make_JSON_RPC_Service
-// in the libjson_rpc that this program runs with. Once it listens, the
-// program prints "listening on ADDRESS:PORT" on standard output (port 0
-// picks a free one). It serves until SIGINT or SIGTERM, then stops in this
-// order: no more connections, every connection closed and its thread ended,
-// the services finalized (the JSON-RPC service stops its pool, then closes
-// its tables, which destroys the handlers and unloads their libraries).
-//
-// A directive that fails, such as a service whose pool can't start, is
-// logged, and the program serves what did start. Exit status: 0 after a
-// stop by signal, 1 if it can't start (unreadable file, address in use),
-// 2 for bad usage.
+// configuration file boots, or checks that configuration (--check). Its
+// options and exit statuses are in the help text below.
+#include "program_args.h"
 #include "program_util.h"
 
+#include "json_rpc/json_restful.h"
+#include "json_rpc/json_rpc_handler.h"
+#include "json_rpc/json_rpc_params_filter.h"
 #include "json_rpc/json_rpc_service.h"
 #include "json_rpc/json_rpc_thread_pool_handler.h"
 #include "transport/tcp_acceptor.h"
 
 #include <ace/Log_Msg.h>
+#include <ace/Log_Msg_Callback.h>
+#include <ace/Log_Record.h>
 #include <ace/Service_Config.h>
 
+#include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -34,66 +25,164 @@
 
 namespace
 {
-  const char usage[] =
-    "usage: jsonrpc-host --listen HOST:PORT --svc-conf FILE [--framing content-length|ndjson]\n"
-    "                    [--max-message-size BYTES] [--debug]\n";
+  const char help[] =
+    "Usage: jsonrpc-host --listen HOST:PORT --svc-conf FILE [OPTIONS]\n"
+    "       jsonrpc-host --check --svc-conf FILE\n"
+    "\n"
+    "Serves over TCP the handler libraries that a service configuration file\n"
+    "boots. The file is read by ACE's service configurator; the JSON-RPC\n"
+    "service is its dynamic line naming _make_JSON_RPC_Service in libjson_rpc,\n"
+    "whose options -j, -f and -r name the files of method handlers, params\n"
+    "filters and REST creators. After loading, one line on standard error says\n"
+    "how many of each loaded and how many loads failed. Once it listens, the\n"
+    "program prints \"listening on ADDRESS:PORT\" on standard output (port 0\n"
+    "picks a free one). It serves until SIGINT or SIGTERM, then stops: no more\n"
+    "connections, every connection closed, the services finalized. A load\n"
+    "that fails is logged, and the program serves what did load.\n"
+    "\n"
+    "Options:\n"
+    "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6)\n"
+    "  --svc-conf FILE          the service configuration file\n"
+    "  --framing content-length|ndjson\n"
+    "                           how messages are framed (default content-length)\n"
+    "  --max-message-size BYTES largest message taken (default 0: no limit)\n"
+    "  --check                  load the configuration and every handler file,\n"
+    "                           print what loaded and what failed, and exit\n"
+    "                           without listening\n"
+    "  -v, --verbose            also log each connection and each call\n"
+    "  --debug                  the same as --verbose\n"
+    "  -h, --help               print this text\n"
+    "\n"
+    "Exit status:\n"
+    "  0  stopped by SIGINT or SIGTERM; with --check, everything loaded\n"
+    "  1  could not start (an unreadable file, an address in use); with\n"
+    "     --check, something failed to load or was skipped\n"
+    "  2  bad usage: an unknown option, a bad value, a missing one\n";
 
   struct Options
   {
-    const char* listen = nullptr;
-    const char* svc_conf = nullptr;
+    std::string listen;
+    std::string svc_conf;
     TCP_Options tcp;
-    bool debug = false;
+    bool verbose = false;
+    bool check = false;
+    bool help = false;
   };
 
-  bool parse(int argc, char** argv, Options& o)
+  bool parse(program::Args& args, Options& o)
   {
-    for (int i = 1; i < argc; ++i)
+    std::string text;
+    while (args.next())
     {
-      std::string a = argv[i];
-      bool has_value = i + 1 < argc;
-      if (a == "--listen" && has_value)
-        o.listen = argv[++i];
-      else if (a == "--svc-conf" && has_value)
-        o.svc_conf = argv[++i];
-      else if (a == "--framing" && has_value)
+      if (!args.option())
+        return args.refuse("unexpected argument '" + args.arg() + "'");
+      if (args.is("--help", "-h") || args.is("--verbose", "-v") || args.is("--debug") || args.is("--check"))
       {
-        if (!program::parse_framing(argv[++i], o.tcp.framing))
+        if (!args.flag())
+          return false;
+        bool& flag = args.is("--help", "-h") ? o.help : args.is("--check") ? o.check : o.verbose;
+        flag = true;
+      }
+      else if (args.is("--listen"))
+      {
+        if (!args.value(o.listen))
           return false;
       }
-      else if (a == "--max-message-size" && has_value)
+      else if (args.is("--svc-conf"))
       {
-        char* end = nullptr;
-        o.tcp.max_message_size = std::strtoull(argv[++i], &end, 10);
-        if (*end || argv[i][0] == '-')
+        if (!args.value(o.svc_conf))
           return false;
       }
-      else if (a == "--debug")
-        o.debug = true;
+      else if (args.is("--framing"))
+      {
+        if (!args.value(text))
+          return false;
+        if (!program::parse_framing(text.c_str(), o.tcp.framing))
+          return args.refuse("bad value '" + text + "' for --framing: content-length or ndjson");
+      }
+      else if (args.is("--max-message-size"))
+      {
+        long long size;
+        if (!args.number(size, 0, LLONG_MAX))
+          return false;
+        o.tcp.max_message_size = static_cast<unsigned long long>(size);
+      }
       else
-        return false;
+        return args.unknown();
     }
-    return o.listen && o.svc_conf;
+    if (o.help)
+      return true;
+    if (o.svc_conf.empty())
+      return args.refuse("--svc-conf FILE is needed");
+    if (o.listen.empty() && !o.check)
+      return args.refuse("--listen HOST:PORT is needed");
+    return true;
+  }
+
+  // Counts what goes wrong while the configuration loads: every line at
+  // warning priority or above is a load that failed or was skipped.
+  class Load_Tally : public ACE_Log_Msg_Callback
+  {
+  public:
+    Load_Tally() : failures(0) {}
+    void log(ACE_Log_Record& record) override
+    {
+      if (record.type() >= LM_WARNING && record.type() != LM_STARTUP && record.type() != LM_SHUTDOWN)
+        ++failures;
+    }
+    std::atomic<int> failures;
+  };
+
+  const char* plural(size_t n, const char* one, const char* many) { return n == 1 ? one : many; }
+
+  // The service configuration, with the tally of what failed; -1 if the
+  // file can't be read at all.
+  int load(const Options& o, const char* program)
+  {
+    if (access(o.svc_conf.c_str(), R_OK) != 0)
+    {
+      ACE_ERROR((LM_ERROR, "Can't read service configuration file '%C': %m\n", o.svc_conf.c_str()));
+      return -1;
+    }
+    Load_Tally tally;
+    ACE_LOG_MSG->msg_callback(&tally);
+    ACE_LOG_MSG->set_flags(ACE_Log_Msg::MSG_CALLBACK);
+    ACE_Service_Config::open(program, ACE_DEFAULT_LOGGER_KEY, true, true, false);
+    int failed = ACE_Service_Config::process_file(o.svc_conf.c_str());
+    ACE_LOG_MSG->clr_flags(ACE_Log_Msg::MSG_CALLBACK);
+    ACE_LOG_MSG->msg_callback(nullptr);
+    if (failed > 0)
+      ACE_ERROR((LM_ERROR, "%d directive(s) of '%C' failed.\n", failed, o.svc_conf.c_str()));
+    return tally.failures + (failed > 0 ? failed : 0);
+  }
+
+  void summary(int failures)
+  {
+    size_t methods = JSON_RPC_Request_Map::instance()->objects.size();
+    size_t filters = JSON_RPC_Params_Handler_Map::instance()->objects.size();
+    size_t creators = JSON_RESTful_Handler_Creator_Map::instance()->objects.size();
+    ACE_DEBUG((LM_NOTICE, "Loaded %B %C, %B %C and %B %C; %d %C.\n", static_cast<ACE_UINT64>(methods),
+               plural(methods, "method", "methods"), static_cast<ACE_UINT64>(filters),
+               plural(filters, "params filter", "params filters"), static_cast<ACE_UINT64>(creators),
+               plural(creators, "REST creator", "REST creators"), failures, plural(failures, "failure", "failures")));
   }
 }
 
 int main(int argc, char** argv)
 {
   Options options;
-  if (argc == 2 && std::string(argv[1]) == "--help")
+  program::Args args("jsonrpc-host", argc, argv);
+  if (!parse(args, options))
+    return 2;
+  if (options.help)
   {
-    std::fputs(usage, stdout);
+    std::fputs(help, stdout);
     return 0;
   }
-  if (!parse(argc, argv, options))
-  {
-    std::fputs(usage, stderr);
-    return 2;
-  }
   ACE_INET_Addr addr;
-  if (!program::parse_address(options.listen, addr))
+  if (!options.check && !program::parse_address(options.listen.c_str(), addr))
   {
-    std::fprintf(stderr, "jsonrpc-host: bad address '%s'\n%s", options.listen, usage);
+    args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT or [IPV6]:PORT");
     return 2;
   }
   // Before any thread starts, so that only the waiter sees the signals.
@@ -103,47 +192,49 @@ int main(int argc, char** argv)
     std::perror("jsonrpc-host: signals");
     return 1;
   }
-  unsigned long mask = LM_SHUTDOWN | LM_TRACE | LM_DEBUG | LM_INFO | LM_NOTICE | LM_WARNING | LM_STARTUP | LM_ERROR |
-                       LM_CRITICAL | LM_ALERT | LM_EMERGENCY;
-  if (!options.debug)
-    mask &= ~(LM_TRACE | LM_DEBUG);
-  ACE_LOG_MSG->priority_mask(mask, ACE_Log_Msg::PROCESS);
+  // Each connection and call is logged at info and debug priority: only
+  // when asked. A check shows what it loaded, which is logged at debug.
+  unsigned long quiet = LM_SHUTDOWN | LM_NOTICE | LM_WARNING | LM_STARTUP | LM_ERROR | LM_CRITICAL | LM_ALERT |
+                        LM_EMERGENCY;
+  unsigned long loud = quiet | LM_TRACE | LM_DEBUG | LM_INFO;
+  ACE_LOG_MSG->priority_mask(options.verbose || options.check ? loud : quiet, ACE_Log_Msg::PROCESS);
 
-  if (access(options.svc_conf, R_OK) != 0)
-  {
-    ACE_ERROR((LM_ERROR, "Can't read service configuration file '%s': %m\n", options.svc_conf));
+  int failures = load(options, argv[0]);
+  if (failures < 0)
     return 1;
-  }
-  ACE_Service_Config::open(argv[0], ACE_DEFAULT_LOGGER_KEY, true, true, false);
-  int failed = ACE_Service_Config::process_file(options.svc_conf);
-  if (failed != 0)
-    ACE_ERROR((LM_ERROR, "%d directive(s) of '%s' failed; serving what started.\n", failed, options.svc_conf));
 
   // The transport's threads need the library's singletons. The service has
   // made them unless it failed; this makes what is missing, and takes down
   // at the end whatever no service has.
   JSON_RPC_Service leftovers;
   leftovers.init(0, nullptr);
+  summary(failures);
 
   TCP_Acceptor acceptor;
   int status = 0;
-  if (acceptor.open(addr, options.tcp) == -1)
+  if (options.check)
   {
-    ACE_ERROR((LM_ERROR, "Can't listen on %s: %m\n", options.listen));
+    status = failures ? 1 : 0;
+    std::printf("%s: %s\n", options.svc_conf.c_str(), failures ? "failed to load (see above)" : "loaded");
+  }
+  else if (acceptor.open(addr, options.tcp) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "Can't listen on %C: %m\n", options.listen.c_str()));
     status = 1;
   }
   else
   {
+    ACE_LOG_MSG->priority_mask(options.verbose ? loud : quiet, ACE_Log_Msg::PROCESS);
     char host[96] = {0};
     acceptor.local_addr().get_host_addr(host, sizeof host);
     // In the form --listen and jsonrpc-call take.
     bool v6 = acceptor.local_addr().get_type() == AF_INET6;
     std::printf("listening on %s%s%s:%u\n", v6 ? "[" : "", host, v6 ? "]" : "", static_cast<unsigned>(acceptor.port()));
     std::fflush(stdout);
-    ACE_DEBUG((LM_INFO, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
+    ACE_DEBUG((LM_NOTICE, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
                options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
     int signal = waiter.wait();
-    ACE_DEBUG((LM_INFO, "Stopping on signal %d.\n", signal));
+    ACE_DEBUG((LM_NOTICE, "Stopping on signal %d.\n", signal));
   }
 
   // Transports first: the tables give plain pointers to handlers.
@@ -151,7 +242,9 @@ int main(int argc, char** argv)
   ACE_Service_Config::close();
   JSON_RPC_Thread_Pool_Handler::deactivate();
   leftovers.fini();
-  if (status == 0)
-    ACE_DEBUG((LM_INFO, "Stopped.\n"));
+  // Made by the first REST record, and closed by no service.
+  JSON_RESTful_Handler_Creator_Map::close_instance();
+  if (status == 0 && !options.check)
+    ACE_DEBUG((LM_NOTICE, "Stopped.\n"));
   return status;
 }

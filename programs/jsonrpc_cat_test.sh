@@ -4,19 +4,9 @@
 set -uo pipefail
 
 cat_bin=$1 examples=$2 work=$3
-passed=0 failed=0
+source "$(dirname "$0")/test_check.sh"
 rm -rf "$work" && mkdir -p "$work"
 
-check() { # name, then a command that must succeed
-  local name=$1
-  shift
-  if "$@"; then
-    passed=$((passed + 1))
-  else
-    echo "FAIL: $name"
-    failed=$((failed + 1))
-  fi
-}
 run() { # args...: runs jsonrpc-cat, stdout to $work/out, stderr to $work/err, status to $status
   "$cat_bin" "$@" > "$work/out" 2> "$work/err"
   status=$?
@@ -94,10 +84,21 @@ check "long: output" cmp -s "$work/out" "$work/long"
 run --help < /dev/null
 check "help: exit 0" test "$status" -eq 0
 check "help: usage" grep -q -- '--piece N' "$work/out"
+run -h < /dev/null
+check "-h: exit 0" test "$status" -eq 0
+check "-h: exit statuses" grep -q -- '^  2  bad usage' "$work/out"
 for bad in 0 -1 x 12x; do
   run --piece "$bad" < /dev/null
   check "piece $bad refused" test "$status" -eq 2
+  check "piece $bad named" has "jsonrpc-cat: bad value '$bad' for --piece"
 done
+run --piece=0 < /dev/null
+check "--piece=0 named" has "bad value '0' for --piece"
+run --pieces 3 < /dev/null
+check "unknown option: exit 2" test "$status" -eq 2
+check "unknown option named" has "jsonrpc-cat: unknown option '--pieces'"
+run --piece < /dev/null
+check "missing value named" has "jsonrpc-cat: option '--piece' needs a value"
 run "$work/no-such-file"
 check "missing file: exit 2" test "$status" -eq 2
 

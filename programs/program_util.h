@@ -11,12 +11,14 @@
 
 #include <ace/INET_Addr.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <poll.h>
 #include <string>
 #include <sys/signalfd.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace program
@@ -90,13 +92,27 @@ namespace program
       (void)ignored;
     }
 
-    /// The signal number that came, or the character given to wake().
-    int wait()
+    /// The signal number that came, or the character given to wake(); 0
+    /// when timeout_ms (if not negative) passed first.
+    int wait(long long timeout_ms = -1)
     {
       struct pollfd fds[2] = {{signals_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+      struct timespec start;
+      clock_gettime(CLOCK_MONOTONIC, &start);
       for (;;)
       {
-        if (poll(fds, 2, -1) < 0)
+        int wait_ms = -1;
+        if (timeout_ms >= 0)
+        {
+          struct timespec now;
+          clock_gettime(CLOCK_MONOTONIC, &now);
+          long long spent = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
+          if (spent >= timeout_ms)
+            return 0;
+          wait_ms = static_cast<int>(std::min<long long>(timeout_ms - spent, 1 << 30));
+        }
+        int n = poll(fds, 2, wait_ms);
+        if (n <= 0)
           continue;
         if (fds[0].revents)
         {

@@ -1,24 +1,48 @@
 #!/usr/bin/env bash
-# Installs every build, test and benchmark dependency. Safe to run again.
+# Installs what the project needs, and nothing that is already there.
+#
+#   scripts/setup.sh           the build: compiler, CMake, ACE, YAJL, Boost,
+#                              OpenSSL (what scripts/main.sh needs)
+#   scripts/setup.sh --tests   the build, and what the tests need: GoogleTest,
+#                              clang for the fuzz target, nginx and openssl,
+#                              Node.js with the test peers (scripts/test.sh)
+#   scripts/setup.sh --bench   the build, and Google Benchmark with
+#                              libjson-rpc-cpp for bench/run.sh
+#
+# The options may be combined. Safe to run again.
 set -euo pipefail
+cd "$(dirname "$0")/.."
+
+tests=false bench=false
+for arg in "$@"; do
+  case $arg in
+    --tests) tests=true ;;
+    --bench) bench=true ;;
+    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "setup.sh: unknown option '$arg' (--tests, --bench)" >&2; exit 2 ;;
+  esac
+done
 
 pkgs=(
   build-essential cmake pkg-config
-  libace-dev libyajl-dev libboost-dev uuid-dev libssl-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev llvm
-  libace-ssl-dev nginx openssl
-  nodejs
-  # Benchmarks only: the reference the round-trip benchmark compares with.
-  libjsonrpccpp-dev
+  libace-dev libace-ssl-dev libyajl-dev libboost-dev uuid-dev libssl-dev
 )
+if $tests; then
+  pkgs+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm nginx openssl nodejs)
+fi
+if $bench; then
+  # The reference the round-trip benchmark compares with.
+  pkgs+=(libbenchmark-dev libjsonrpccpp-dev)
+fi
 
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
 # Some nodejs builds bring npm along; the Debian one needs the npm package.
-command -v npm > /dev/null || missing+=(npm)
+if $tests && ! command -v npm > /dev/null; then
+  missing+=(npm)
+fi
 
 if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""
@@ -28,19 +52,15 @@ if [ ${#missing[@]} -gt 0 ]; then
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# The interoperability test's client, pinned by tests/interop/package-lock.json;
-# installed again only when the lock file is newer than the installation.
-interop="$(dirname "$0")/../tests/interop"
-if [ ! -f "$interop/node_modules/.package-lock.json" ] ||
-   [ "$interop/package-lock.json" -nt "$interop/node_modules/.package-lock.json" ]; then
-  (cd "$interop" && npm ci --no-audit --no-fund)
-fi
+$tests || exit 0
 
-# The HTTP tests' peers jayson and json-server, pinned by
-# tests/http/node/package-lock.json; installed again only when the lock file
-# is newer than the installation.
-http_peers="$(dirname "$0")/../tests/http/node"
-if [ ! -f "$http_peers/node_modules/.package-lock.json" ] ||
-   [ "$http_peers/package-lock.json" -nt "$http_peers/node_modules/.package-lock.json" ]; then
-  (cd "$http_peers" && npm ci --no-audit --no-fund)
-fi
+# The Node peers of the tests, each pinned by its package-lock.json and
+# installed again only when the lock file is newer than the installation:
+# the interoperability test's client (tests/interop), and the HTTP tests'
+# servers jayson and json-server (tests/http/node).
+for dir in tests/interop tests/http/node; do
+  if [ ! -f "$dir/node_modules/.package-lock.json" ] ||
+     [ "$dir/package-lock.json" -nt "$dir/node_modules/.package-lock.json" ]; then
+    (cd "$dir" && npm ci --no-audit --no-fund)
+  fi
+done

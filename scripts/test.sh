@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/setup.sh
+bash scripts/setup.sh --tests
 
 prefix=${BUILD_PREFIX:-build}
 jobs=${JOBS:-2}

@@ -2,7 +2,8 @@
 # jsonrpc-host serving examples/svc.conf as it stands, from a directory laid
 # out like the repository root after the build, and jsonrpc-call against it:
 # each kind of handler, errors, both framings, a notification fan-out, a
-# refused call under pool overload, and a clean stop.
+# refused call under pool overload, and a clean stop. Before that, the
+# host's own arguments and --check of a good and a broken configuration.
 #
 # Usage: host_test.sh HOST CALL LIB_DIR EXAMPLES_DIR WORK_DIR
 set -u
@@ -38,6 +39,54 @@ expect() {
   [ "$rc" -eq "$status" ] || fail "jsonrpc-call $* exited $rc, not $status: $out"
   grep -qF -- "$pattern" <<< "$out" || fail "jsonrpc-call $* printed '$out', without '$pattern'"
 }
+
+# Arguments: help, and refusals that name what they refuse.
+for h in -h --help; do
+  out=$("$host" "$h" 2>&1) || fail "$h exited $?"
+  for word in --listen --svc-conf --framing --max-message-size --check --verbose 'Exit status' '  0  ' '  1  ' '  2  '; do
+    grep -qF -- "$word" <<< "$out" || fail "$h does not list $word"
+  done
+done
+while IFS='|' read -r args message; do
+  read -ra argv <<< "$args"
+  out=$("$host" "${argv[@]}" 2>&1 < /dev/null); rc=$?
+  [ "$rc" -eq 2 ] || fail "jsonrpc-host $args exited $rc, not 2: $out"
+  grep -qF -- "$message" <<< "$out" || fail "jsonrpc-host $args printed '$out', without '$message'"
+done <<'ROWS'
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --bogus|jsonrpc-host: unknown option '--bogus'
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --framing lines|bad value 'lines' for --framing
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --max-message-size -1|bad value '-1' for --max-message-size
+--listen nowhere --svc-conf examples/svc.conf|bad value 'nowhere' for --listen
+--svc-conf examples/svc.conf|--listen HOST:PORT is needed
+--check|--svc-conf FILE is needed
+--check --svc-conf examples/svc.conf stray|unexpected argument 'stray'
+--check=1 --svc-conf examples/svc.conf|option '--check' takes no value
+ROWS
+
+# --check: what loaded, what failed, and a status to go with it.
+summary='Loaded 7 methods, 1 params filter and 1 REST creator; 0 failures.'
+"$host" --check --svc-conf examples/svc.conf > check.out 2> check.err || fail "--check of the examples exited $?: $(cat check.err)"
+grep -qxF "$summary" check.err || fail "--check summary: $(cat check.err)"
+grep -qF "Loaded JSON-RPC handler(uri='pool.sum'" check.err || fail "--check does not list what loaded: $(cat check.err)"
+grep -qxF 'examples/svc.conf: loaded' check.out || fail "--check verdict: $(cat check.out)"
+# One record names a factory its library lacks, one a library that isn't
+# there, one has no method; the rest still load.
+sed 's/"make_echo"/"make_nothing"/; s|libexample_handlers.so", "init": "make_subscribe"|libmissing.so", "init": "make_subscribe"|' \
+  examples/conf/handlers.json > broken.json
+echo '[{"dll": "build/lib/libexample_handlers.so", "init": "make_echo"},
+       {"method": "echo.too", "dll": "build/lib/libexample_handlers.so", "init": "make_echo"}]' > keyless.json
+sed 's|-j examples/conf/handlers.json|-j broken.json -j keyless.json|' examples/svc.conf > broken.conf
+"$host" --check --svc-conf broken.conf > check.out 2> check.err; rc=$?
+[ "$rc" -eq 1 ] || fail "--check of a broken configuration exited $rc: $(cat check.err)"
+for line in "Unable to get symbol 'make_nothing'" "Unable to open dll 'build/lib/libmissing.so'" \
+            "Configuration record without 'method' skipped" \
+            'Loaded 6 methods, 1 params filter and 1 REST creator; 3 failures.'; do
+  grep -qF "$line" check.err || fail "--check of a broken configuration does not say '$line': $(cat check.err)"
+done
+grep -qxF 'broken.conf: failed to load (see above)' check.out || fail "--check verdict: $(cat check.out)"
+"$host" --check --svc-conf no-such.conf > check.out 2> check.err; rc=$?
+[ "$rc" -eq 1 ] && grep -qF "Can't read service configuration file 'no-such.conf'" check.err ||
+  fail "--check of a missing file exited $rc: $(cat check.err)"
 
 start_host main --svc-conf examples/svc.conf
 main_pid=${pids[-1]}
@@ -94,9 +143,11 @@ for s in 1 2; do
     fail "subscriber $s printed: $(cat "sub$s.out")"
 done
 
-# NDJSON framing, on a host of its own.
-start_host ndjson --svc-conf examples/svc.conf --framing ndjson
+# NDJSON framing, on a host of its own that logs each call (-v).
+start_host ndjson --svc-conf examples/svc.conf --framing ndjson -v
 expect 0 '"result":"lines"' --framing ndjson "127.0.0.1:$PORT" echo '"lines"'
+for _ in $(seq 1 50); do grep -q "called JSON-RPC 'echo'" ndjson.err && break; sleep 0.1; done
+grep -q "^Channel(type: 0) 127\.0\.0\.1:[0-9]*(127\.0\.0\.1:[0-9]*) called JSON-RPC 'echo'\.$" ndjson.err || fail "-v does not log the call: $(cat ndjson.err)"
 # The transport hands params to the filter as they stream in: a number
 # that no value can hold, which the reader would refuse in a tree, is the
 # filter's to judge.
@@ -157,5 +208,8 @@ unset 'pids[-1]'
 kill -TERM "$main_pid"
 wait "$main_pid" || fail "the host exited $? on SIGTERM: $(cat main.err)"
 grep -q '^Stopped\.$' main.err || fail "no stop line: $(cat main.err)"
+# Without -v the log has the summary, and no line for each connection or call.
+grep -qxF "$summary" main.err || fail "no summary line: $(cat main.err)"
+if grep -E 'is registered|called JSON-RPC|^Loaded JSON' main.err; then fail "the host logged per call without -v"; fi
 if grep -E 'Unexpected error|handelr|Unable to' main.err; then fail "the host logged faults"; fi
 echo "jsonrpc-host: $(( ${#pids[@]} )) hosts, all checks passed"
