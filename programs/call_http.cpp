@@ -2,7 +2,7 @@
 // generated onto the connection in chunks and whose answer is parsed as it
 // is read. Only a whole answer is printed; a cut-off one is a failure.
 #include "call_http.h"
-#include "call_generator.h"
+#include "notification_generator.h"
 
 #include "json_rpc/json_rpc_object.h"
 #include "json_spirit/json_spirit_reader.h"
@@ -125,8 +125,10 @@ namespace program
     HTTP_Request request(method, url.path.c_str(), true);
 
     // A JSON-RPC call is always a body; a REST request only when given one.
-    Call_Generator rpc(call.method, call.notify ? std::string() : JSON_RPC_Id_Generator::get(), call.body);
-    JSON_Generator* body = call.rest ? static_cast<JSON_Generator*>(call.body) : &rpc;
+    JSON_RPC_Request_Generator rpc_request(call.method.c_str(), call.body);
+    Notification_Generator rpc_notification(call.method, call.body);
+    JSON_Generator* rpc = call.notify ? static_cast<JSON_Generator*>(&rpc_notification) : &rpc_request;
+    JSON_Generator* body = call.rest ? static_cast<JSON_Generator*>(call.body) : rpc;
     HTTP_Connection_Ptr connection;
     if (body)
     {

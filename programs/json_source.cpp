@@ -123,7 +123,7 @@ namespace program
       else
       {
         read_ += static_cast<unsigned long long>(n);
-        yajl_status status = feeder.feed(handle, forward, n ? block.data() : nullptr, static_cast<size_t>(n));
+        yajl_status status = feeder.feed(handle, n ? block.data() : nullptr, static_cast<size_t>(n));
         if (status != yajl_status_ok)
         {
           // Where YAJL stopped: the last text it was given ends at read_.

@@ -1,7 +1,7 @@
 // jsonrpc-call: calls one method on a JSON-RPC host over TCP or HTTP,
 // subscribes to subjects and prints what is published, or sends one REST
 // request. Its options and exit statuses are in the help text below.
-#include "call_generator.h"
+#include "notification_generator.h"
 #include "call_http.h"
 #include "json_source.h"
 #include "program_args.h"
@@ -10,7 +10,6 @@
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_rpc/json_rpc_service.h"
-#include "json_rpc/json_rpc_handler.h"
 #include "json_rpc/json_rpc_session.h"
 #include "json_spirit/json_spirit_writer.h"
 #include "transport/tcp_channel.h"
@@ -27,6 +26,7 @@
 #include <mutex>
 #include <string>
 #include <sys/resource.h>
+#include <thread>
 #include <vector>
 
 using namespace program;
@@ -240,36 +240,6 @@ namespace
     Waiter& waiter_;
   };
 
-  // Takes the answer to one call from the thread that dispatches it.
-  class Answer_Handler : public JSON_RPC_Handler
-  {
-  public:
-    explicit Answer_Handler(Waiter& waiter) : waiter_(waiter) {}
-
-    int handle_object(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr object) override
-    {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (answer_.get())
-          return 0;
-        answer_ = object;
-      }
-      waiter_.wake('a');
-      return 0;
-    }
-
-    JSON_RPC_Object_Ptr answer()
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      return answer_;
-    }
-
-  private:
-    Waiter& waiter_;
-    std::mutex mutex_;
-    JSON_RPC_Object_Ptr answer_;
-  };
-
   // A send that stopped for the params' sake is bad input, not a failure.
   int input_failed(const JSON_Source* params, int otherwise)
   {
@@ -282,57 +252,54 @@ namespace
   // One call: the request generated onto the channel while its params are
   // read, then its answer, printed to out, until it comes, the connection
   // closes, a signal comes or timeout seconds (negative: no limit) pass.
-  // The exit status that goes with it.
+  // The exit status that goes with it. The call runs on a thread of its
+  // own, so that a signal can end it: it closes the connection, which fails
+  // the call at once.
   int call(TCP_Channel& channel, const std::string& method, JSON_Source* params, long long timeout, Waiter& waiter,
            FILE* out)
   {
-    std::string id = JSON_RPC_Id_Generator::get();
-    Answer_Handler* answers = new Answer_Handler(waiter);
-    JSON_RPC_Handler_Ptr handler(answers);
-    json_spirit::Value key(id);
-    // In the table before the first byte goes out, so no answer overtakes it.
-    if (JSON_RPC_Response_Map::instance()->insert(key, handler) != 0)
+    JSON_RPC_Object_Ptr answer;
+    int error = 0;
+    std::thread caller([&] {
+      JSON_RPC_Session session(channel.weak());
+      if (!session.request(method.c_str(), params, answer, timeout))
+        error = errno;
+      waiter.wake('a');
+    });
+    // Other wake-ups (a closed connection, a count reached early) are given
+    // back afterwards.
+    std::string others;
+    int why;
+    while ((why = waiter.wait()) != 'a' && why != SIGINT && why != SIGTERM)
+      others += static_cast<char>(why);
+    int signal = why == 'a' ? 0 : why;
+    if (signal)
     {
-      std::fprintf(stderr, "jsonrpc-call: no room for the call\n");
-      return EXIT_FAILED;
-    }
-    Call_Generator request(method, id, params);
-    int status = EXIT_FAILED;
-    if (channel.send_generator(request) == -1)
-    {
-      int error = errno;
-      status = input_failed(params, EXIT_FAILED);
-      if (status == EXIT_FAILED)
-        std::fprintf(stderr, "jsonrpc-call: the request was not sent: %s\n", std::strerror(error));
-    }
-    else
-    {
-      // Other wake-ups (a count reached early) are given back afterwards.
-      std::string others;
-      int why;
-      while ((why = waiter.wait(timeout < 0 ? -1 : timeout * 1000)) != 0 && why != 'a' && why != 'x' &&
-             why != SIGINT && why != SIGTERM)
+      channel.close();
+      while ((why = waiter.wait()) != 'a')
         others += static_cast<char>(why);
-      JSON_RPC_Object_Ptr answer = answers->answer();
-      if (answer.get())
-      {
-        std::fprintf(out, "%s\n", to_json(*answer).c_str());
-        std::fflush(out);
-        status = answer->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
-      }
-      else if (why == 'x')
-        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': the connection closed\n", method.c_str());
-      else if (why == 0)
-        std::fprintf(stderr, "jsonrpc-call: no answer to '%s' within %lld s\n", method.c_str(), timeout);
-      else
-        std::fprintf(stderr, "jsonrpc-call: no answer to '%s': stopped by signal %d\n", method.c_str(), why);
-      // A closed connection or a signal still counts for what follows.
-      if (why == 'x' || why == SIGINT || why == SIGTERM)
-        others += static_cast<char>(why == 'x' ? 'x' : 's');
-      for (char c : others)
-        waiter.wake(c);
+      others += 's';
     }
-    JSON_RPC_Response_Map::instance()->remove(key);
+    caller.join();
+    int status = EXIT_FAILED;
+    if (answer.get())
+    {
+      std::fprintf(out, "%s\n", to_json(*answer).c_str());
+      std::fflush(out);
+      status = answer->type == JSON_RPC_Object::TYPE_RESPONSE ? EXIT_RESULT : EXIT_ERROR_RESPONSE;
+    }
+    else if ((status = input_failed(params, EXIT_FAILED)) != EXIT_FAILED)
+      ;
+    else if (signal)
+      std::fprintf(stderr, "jsonrpc-call: no answer to '%s': stopped by signal %d\n", method.c_str(), signal);
+    else if (error == ETIME)
+      std::fprintf(stderr, "jsonrpc-call: no answer to '%s' within %lld s\n", method.c_str(), timeout);
+    else if (error == ECONNRESET || error == ECONNABORTED || error == EPIPE)
+      std::fprintf(stderr, "jsonrpc-call: no answer to '%s': the connection closed\n", method.c_str());
+    else
+      std::fprintf(stderr, "jsonrpc-call: the request was not sent: %s\n", std::strerror(error));
+    for (char c : others)
+      waiter.wake(c);
     return status;
   }
 
@@ -368,7 +335,7 @@ namespace
     }
     else if (o.notify)
     {
-      Call_Generator notification(o.positional[1], std::string(), params);
+      Notification_Generator notification(o.positional[1], params);
       status = channel.send_generator(notification) == 0 ? EXIT_RESULT : input_failed(params, EXIT_FAILED);
       if (status == EXIT_FAILED)
         std::fprintf(stderr, "jsonrpc-call: the notification was not sent: %s\n", std::strerror(errno));
