@@ -4,6 +4,7 @@
 #ifndef BENCH_ECHO_WIRE_H
 #define BENCH_ECHO_WIRE_H
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -24,9 +25,12 @@ namespace echo_wire
     return frame("{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"method\":\"echo\",\"params\":" + params + "}");
   }
 
+  /// Beyond this a message is refused: the benchmark's are small.
+  const size_t max_body = 1 << 20;
+
   /// Where the body of the first message in data[0, size) starts and how
   /// long it is: 1 when whole, 0 when more bytes are needed, -1 when the
-  /// headers have no Content-Length.
+  /// headers have no Content-Length or it is beyond max_body.
   inline int next_message(const char* data, size_t size, size_t& body_at, size_t& body_size)
   {
     const char* end = static_cast<const char*>(memmem(data, size, "\r\n\r\n", 4));
@@ -44,7 +48,7 @@ namespace echo_wire
       }
       header = eol + 2;
     }
-    if (!found)
+    if (!found || body_size > max_body)
       return -1;
     body_at = static_cast<size_t>(end + 4 - data);
     return size - body_at >= body_size ? 1 : 0;
@@ -59,10 +63,17 @@ namespace echo_wire
       return "";
     const char* end = body + size;
     at += 5;
-    while (at < end && *at == ' ')
+    while (at < end && std::isspace(static_cast<unsigned char>(*at)))
       ++at;
     const char* stop = at;
-    while (stop < end && *stop != ',' && *stop != '}' && *stop != ' ')
+    if (stop < end && *stop == '"')
+    {
+      for (++stop; stop < end && *stop != '"'; ++stop)
+        if (*stop == '\\')
+          ++stop;
+      return stop < end ? std::string(at, stop + 1) : "";
+    }
+    while (stop < end && *stop != ',' && *stop != '}' && !std::isspace(static_cast<unsigned char>(*stop)))
       ++stop;
     return std::string(at, stop);
   }

@@ -307,7 +307,7 @@ namespace
           return fail(errno == EAGAIN ? "no answer in time" : "recv: " + std::string(std::strerror(errno)));
       }
       if (whole < 0)
-        return fail("an answer without Content-Length");
+        return fail("an answer without a Content-Length of at most 1 MiB");
       bool ok = echo_wire::answers(in_.data() + body_at, body_size, id);
       std::string body = in_.substr(body_at, body_size);
       in_.erase(0, body_at + body_size);
