@@ -5,10 +5,11 @@
 //   epoll floor  epoll_floor: one thread, epoll, a fixed answer, no JSON
 //   sourcegraph  Go's sourcegraph/jsonrpc2 (go_echo), if go was found
 // Each figure comes from a fresh server process:
-//   load   at each connection count, after a warm-up, a timed window:
-//          calls/s, p50 and p99 latency, the server's CPU time per call
-//          (utime+stime from /proc/PID/stat around the window), and at the
-//          window's end its VmRSS, VmHWM and thread count
+//   load   at each connection count, the connections opened as for idle,
+//          then after a warm-up a timed window: calls/s, p50 and p99
+//          latency, the server's CPU time per call (utime+stime from
+//          /proc/PID/stat around the window), and at the window's end its
+//          VmRSS, VmHWM and thread count; medians of --repeat runs
 //   idle   N connections opened one after the other, each making one call
 //          so that the server has surely taken it, then left open: the
 //          server's VmRSS, VmHWM and threads
@@ -20,7 +21,9 @@
 //
 // Usage: server_bench [--connections 1,8,64,256,1000] [--warmup S]
 //        [--window S] [--idle N] [--storm N] [--storm-limit S]
-//        [--call-limit S] [--servers host,floor,sourcegraph]
+//        [--call-limit S] [--repeat N] [--servers host,floor,sourcegraph]
+// (defaults: those shown, 0.5 s warm-up, 2 s window, 10000 idle, a storm
+// of 1000 within 60 s, 10 s per call, 3 repetitions taking turns)
 #include "echo_wire.h"
 #include "host_process.h"
 
@@ -49,7 +52,7 @@ namespace
   {
     std::vector<int> connections = {1, 8, 64, 256, 1000};
     double warmup = 0.5, window = 2, storm_limit = 60, call_limit = 10;
-    int idle = 10000, storm = 1000;
+    int idle = 10000, storm = 1000, repeat = 3;
     std::vector<std::string> servers = {"host", "floor", "sourcegraph"};
 
     std::string command_line(const char* program) const
@@ -59,7 +62,8 @@ namespace
       for (size_t i = 0; i < connections.size(); ++i)
         s << (i ? "," : "") << connections[i];
       s << " --warmup " << warmup << " --window " << window << " --idle " << idle << " --storm " << storm
-        << " --storm-limit " << storm_limit << " --call-limit " << call_limit << " --servers ";
+        << " --storm-limit " << storm_limit << " --call-limit " << call_limit << " --repeat " << repeat
+        << " --servers ";
       for (size_t i = 0; i < servers.size(); ++i)
         s << (i ? "," : "") << servers[i];
       return s.str();
@@ -97,6 +101,7 @@ namespace
                 : a == "--storm"     ? static_cast<bool>(value >> o.storm)
                 : a == "--storm-limit" ? static_cast<bool>(value >> o.storm_limit)
                 : a == "--call-limit"  ? static_cast<bool>(value >> o.call_limit)
+                : a == "--repeat"      ? static_cast<bool>(value >> o.repeat)
                                        : false;
       if (!ok)
         return false;
@@ -104,7 +109,7 @@ namespace
     for (const std::string& s : o.servers)
       if (s != "host" && s != "floor" && s != "sourcegraph")
         return false;
-    return argc % 2 == 1 && o.window > 0 && o.warmup >= 0;
+    return argc % 2 == 1 && o.window > 0 && o.warmup >= 0 && o.repeat > 0;
   }
 
   Clock::time_point after(double seconds)
@@ -443,19 +448,44 @@ namespace
     std::string why; // "" when measured
     double calls_per_s = 0, p50_us = 0, p99_us = 0, cpu_us_per_call = 0;
     long connected = 0, rss_kb = -1, hwm_kb = -1, threads = -1;
-    std::string failures;
   };
+
+  /// Each figure's median over the repetitions of a point; the first
+  /// failed repetition if there is one.
+  Load_Row median_row(const std::vector<Load_Row>& runs)
+  {
+    for (const Load_Row& r : runs)
+      if (!r.why.empty())
+        return r;
+    auto median = [&](auto field) {
+      std::vector<double> values;
+      for (const Load_Row& r : runs)
+        values.push_back(static_cast<double>(r.*field));
+      std::sort(values.begin(), values.end());
+      return values[values.size() / 2];
+    };
+    Load_Row row;
+    row.calls_per_s = median(&Load_Row::calls_per_s);
+    row.p50_us = median(&Load_Row::p50_us);
+    row.p99_us = median(&Load_Row::p99_us);
+    row.cpu_us_per_call = median(&Load_Row::cpu_us_per_call);
+    row.connected = static_cast<long>(median(&Load_Row::connected));
+    row.rss_kb = static_cast<long>(median(&Load_Row::rss_kb));
+    row.hwm_kb = static_cast<long>(median(&Load_Row::hwm_kb));
+    row.threads = static_cast<long>(median(&Load_Row::threads));
+    return row;
+  }
 
   enum Load_Step { CONNECTED, WARMING, TIMED, STOPPED, CLOSING };
 
-  Load_Row run_load(const std::string& kind, int connections, const Options& o)
+  /// One load point on a fresh server; its failures go to `failures`.
+  Load_Row run_load(const std::string& kind, int connections, const Options& o, Failures& failures)
   {
     Load_Row row;
     Server server(kind);
     if (!(row.why = server.gone()).empty())
       return row;
     // This measures calls; the storm measures bursts of connections.
-    Failures failures;
     std::vector<std::unique_ptr<Call_Connection>> open = open_answered(server.port(), connections, o, failures);
     row.connected = static_cast<long>(open.size());
     Phase phase;
@@ -495,12 +525,11 @@ namespace
     std::vector<float> all;
     for (const std::vector<float>& l : latencies)
       all.insert(all.end(), l.begin(), l.end());
-    row.failures = failures.text();
     if (!(row.why = server.gone()).empty())
       return row;
     if (all.empty())
     {
-      row.why = "failed: no call answered; " + row.failures;
+      row.why = "failed: no call answered";
       return row;
     }
     row.calls_per_s = static_cast<double>(all.size()) / elapsed;
@@ -665,8 +694,8 @@ int main(int argc, char** argv)
   {
     std::fprintf(stderr,
                  "usage: server_bench [--connections 1,8,64,256,1000] [--warmup S] [--window S] [--idle N]\n"
-                 "                    [--storm N] [--storm-limit S] [--call-limit S] "
-                 "[--servers host,floor,sourcegraph]\n");
+                 "                    [--storm N] [--storm-limit S] [--call-limit S] [--repeat N]\n"
+                 "                    [--servers host,floor,sourcegraph]\n");
     return 2;
   }
   // The servers inherit the raised limit.
@@ -688,18 +717,26 @@ int main(int argc, char** argv)
   std::map<std::pair<std::string, int>, Load_Row> load;
   for (int n : o.connections)
   {
+    // The servers take turns, so that a busy moment of the machine falls
+    // on one repetition of each rather than on all of one.
+    std::map<std::string, std::vector<Load_Row>> runs;
+    std::map<std::string, Failures> failures;
+    for (int repetition = 0; repetition < o.repeat; ++repetition)
+      for (const std::string& kind : o.servers)
+        runs[kind].push_back(run_load(kind, n, o, failures[kind]));
     std::vector<std::vector<std::string>> rows;
     for (const std::string& kind : o.servers)
     {
-      Load_Row r = load[{kind, n}] = run_load(kind, n, o);
+      Load_Row r = load[{kind, n}] = median_row(runs[kind]);
       if (!r.why.empty())
-        rows.push_back({label(kind), r.why + (r.failures.empty() ? "" : "; failed calls " + r.failures)});
+        rows.push_back({label(kind), r.why + (failures[kind].count() ? "; failed calls " + failures[kind].text() : "")});
       else
-        rows.push_back({label(kind), std::to_string(r.connected), number(r.calls_per_s, 0), number(r.p50_us, 1), number(r.p99_us, 1),
-                        number(r.cpu_us_per_call, 1), mb(r.rss_kb), mb(r.hwm_kb), std::to_string(r.threads),
-                        r.failures});
+        rows.push_back({label(kind), std::to_string(r.connected), number(r.calls_per_s, 0), number(r.p50_us, 1),
+                        number(r.p99_us, 1), number(r.cpu_us_per_call, 1), mb(r.rss_kb), mb(r.hwm_kb),
+                        std::to_string(r.threads), failures[kind].text()});
     }
-    print_table("Load: " + std::to_string(n) + " connection" + (n == 1 ? "" : "s") + ", sequential echo calls",
+    print_table("Load: " + std::to_string(n) + " connection" + (n == 1 ? "" : "s") + ", sequential echo calls" +
+                  (o.repeat > 1 ? " (medians of " + std::to_string(o.repeat) + " runs; failures of all)" : ""),
                 {"server", "conns", "calls/s", "p50 us", "p99 us", "CPU us/call", "RSS MB", "HWM MB", "threads", "failed"},
                 rows);
   }
