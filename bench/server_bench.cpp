@@ -594,7 +594,7 @@ namespace
     long answered = 0, unanswered = 0;
     double all_s = 0, p50_s = 0;
     long hwm_kb = -1;
-    std::string first_error;
+    std::string no_answer;
   };
 
   Storm_Row run_storm(const std::string& kind, int count, const Options& o)
@@ -634,7 +634,7 @@ namespace
         answered.push_back(t);
     row.answered = static_cast<long>(answered.size());
     row.unanswered = failures.count();
-    row.first_error = failures.text();
+    row.no_answer = failures.text();
     if (!answered.empty())
     {
       row.all_s = *std::max_element(answered.begin(), answered.end());
@@ -663,9 +663,8 @@ namespace
     for (size_t i = 0; i < header.size(); ++i)
       width[i] = header[i].size();
     for (const auto& row : rows)
-      if (row.size() == header.size())
-        for (size_t i = 0; i < row.size(); ++i)
-          width[i] = std::max(width[i], row[i].size());
+      for (size_t i = 0; i < row.size() && (i == 0 || row.size() == header.size()); ++i)
+        width[i] = std::max(width[i], row[i].size());
     std::printf("\n== %s ==\n", title.c_str());
     auto print_row = [&](const std::vector<std::string>& row) {
       for (size_t i = 0; i < row.size(); ++i)
@@ -770,7 +769,7 @@ int main(int argc, char** argv)
       if (!r.why.empty())
         rows.push_back({label(kind), r.why});
       else
-        rows.push_back({label(kind), std::to_string(r.answered), r.first_error, number(r.all_s, 3),
+        rows.push_back({label(kind), std::to_string(r.answered), r.no_answer, number(r.all_s, 3),
                         number(r.p50_s, 3), mb(r.hwm_kb)});
     }
     print_table("Storm: " + std::to_string(o.storm) + " clients connect and call at once (limit " +
@@ -807,6 +806,8 @@ int main(int argc, char** argv)
                                     " host clients without an answer in " + number(o.storm_limit, 0) + " s)";
     rows.push_back({"storm: host time / epoll floor time", value});
   }
+  if (rows.empty())
+    rows.push_back({"(none: they need the host beside the floor or sourcegraph)", ""});
   print_table("Ratios", {"figure", "value"}, rows);
   return 0;
 }
