@@ -22,7 +22,8 @@ namespace echo_wire
 
   inline std::string request(unsigned long long id)
   {
-    return frame("{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"method\":\"echo\",\"params\":" + params + "}");
+    return frame("{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) + ",\"method\":\"echo\",\"params\":" + params +
+                 "}");
   }
 
   /// Beyond this a message is refused: the benchmark's are small.

@@ -109,7 +109,11 @@ namespace
     for (const std::string& s : o.servers)
       if (s != "host" && s != "floor" && s != "sourcegraph")
         return false;
-    return argc % 2 == 1 && o.window > 0 && o.warmup >= 0 && o.repeat > 0;
+    for (int n : o.connections)
+      if (n <= 0)
+        return false;
+    return argc % 2 == 1 && o.window > 0 && o.warmup >= 0 && o.repeat > 0 && o.idle >= 0 && o.storm >= 0 &&
+           o.storm_limit > 0 && o.call_limit > 0;
   }
 
   Clock::time_point after(double seconds)
@@ -727,16 +731,18 @@ int main(int argc, char** argv)
     for (const std::string& kind : o.servers)
     {
       Load_Row r = load[{kind, n}] = median_row(runs[kind]);
+      std::string failed = failures[kind].text();
       if (!r.why.empty())
-        rows.push_back({label(kind), r.why + (failures[kind].count() ? "; failed calls " + failures[kind].text() : "")});
+        rows.push_back({label(kind), r.why + (failures[kind].count() ? "; failed calls " + failed : "")});
       else
         rows.push_back({label(kind), std::to_string(r.connected), number(r.calls_per_s, 0), number(r.p50_us, 1),
                         number(r.p99_us, 1), number(r.cpu_us_per_call, 1), mb(r.rss_kb), mb(r.hwm_kb),
-                        std::to_string(r.threads), failures[kind].text()});
+                        std::to_string(r.threads), failed});
     }
     print_table("Load: " + std::to_string(n) + " connection" + (n == 1 ? "" : "s") + ", sequential echo calls" +
                   (o.repeat > 1 ? " (medians of " + std::to_string(o.repeat) + " runs; failures of all)" : ""),
-                {"server", "conns", "calls/s", "p50 us", "p99 us", "CPU us/call", "RSS MB", "HWM MB", "threads", "failed"},
+                {"server", "conns", "calls/s", "p50 us", "p99 us", "CPU us/call", "RSS MB", "HWM MB", "threads",
+                 "failed"},
                 rows);
   }
 
