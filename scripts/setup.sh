@@ -6,8 +6,10 @@
 #   scripts/setup.sh --tests   the build, and what the tests need: GoogleTest,
 #                              clang for the fuzz target, nginx and openssl,
 #                              Node.js with the test peers (scripts/test.sh)
-#   scripts/setup.sh --bench   the build, and Google Benchmark with
-#                              libjson-rpc-cpp for bench/run.sh
+#   scripts/setup.sh --bench   the build, and Google Benchmark with the
+#                              benchmarks' peers: libjson-rpc-cpp for
+#                              bench/run.sh, Go's sourcegraph/jsonrpc2 for
+#                              bench/server_bench.sh
 #
 # The options may be combined. Safe to run again.
 set -euo pipefail
@@ -18,7 +20,7 @@ for arg in "$@"; do
   case $arg in
     --tests) tests=true ;;
     --bench) bench=true ;;
-    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "setup.sh: unknown option '$arg' (--tests, --bench)" >&2; exit 2 ;;
   esac
 done
@@ -31,8 +33,8 @@ if $tests; then
   pkgs+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm nginx openssl nodejs)
 fi
 if $bench; then
-  # The reference the round-trip benchmark compares with.
-  pkgs+=(libbenchmark-dev libjsonrpccpp-dev)
+  # The peers the round-trip and server benchmarks compare with.
+  pkgs+=(libbenchmark-dev libjsonrpccpp-dev golang-go golang-github-sourcegraph-jsonrpc2-dev)
 fi
 
 missing=()
