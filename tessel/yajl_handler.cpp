@@ -160,13 +160,37 @@ namespace
 
   bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
   bool is_hex(unsigned char c) { return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
-  // What ends a run of plain string bytes.
-  bool string_stop(unsigned char c) { return c == '"' || c == '\\' || c < 0x20 || c >= 0x80; }
+
+  // Byte classes for the runs that the scan skips in one loop: what ends a
+  // run of plain string bytes, and what starts a token between tokens.
+  enum
+  {
+    STRING_STOP = 1,
+    TOKEN_START = 2
+  };
+
+  struct Byte_Classes
+  {
+    unsigned char of[256];
+    Byte_Classes() : of()
+    {
+      for (int c = 0; c < 256; ++c)
+        of[c] = static_cast<unsigned char>((c == '"' || c == '\\' || c < 0x20 || c >= 0x80 ? STRING_STOP : 0) |
+                                           (c == '"' || c == '-' || is_digit(static_cast<unsigned char>(c)) ||
+                                                c == '\f' || c == '\v'
+                                              ? TOKEN_START
+                                              : 0));
+    }
+  };
+  const Byte_Classes byte_classes;
+
+  bool string_stop(unsigned char c) { return byte_classes.of[c] & STRING_STOP; }
 }
 
 void YAJL_Feeder::reset()
 {
   std::string().swap(carry_);
+  unscanned_.clear();
   carry_fed_ = false;
   lex_ = LEX_VALUE;
   lex_left_ = 0;
@@ -177,14 +201,23 @@ void YAJL_Feeder::reset()
 
 bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
 {
-  bool left = lex_ == LEX_VALUE || lex_ == LEX_BROKEN;
-  while (p < end && lex_ != LEX_BROKEN)
+  // Kept in locals: the bytes read through p could alias the members, and
+  // every byte would store and load them again.
+  int lex = lex_;
+  int left_count = lex_left_;
+  bool odd_blank = false;
+  bool left = lex == LEX_VALUE || lex == LEX_BROKEN;
+  while (p < end && lex != LEX_BROKEN)
   {
     unsigned char c = *p++;
-    int next = lex_;
-    switch (lex_)
+    int next = lex;
+    switch (lex)
     {
     case LEX_VALUE:
+      // Blanks and punctuation in one run (a form feed or vertical tab
+      // stops it too, to be noted).
+      while (!(byte_classes.of[c] & TOKEN_START) && p < end)
+        c = *p++;
       if (c == '"')
         next = LEX_STRING;
       else if (c == '-')
@@ -193,8 +226,8 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
         next = LEX_ZERO;
       else if (is_digit(c))
         next = LEX_INT;
-      else if (c == '\f' || c == '\v')
-        odd_blank_ = true;
+      else
+        odd_blank = odd_blank || c == '\f' || c == '\v';
       break;
     case LEX_STRING:
       while (!string_stop(c) && p < end)
@@ -210,24 +243,24 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
       else
       {
         // A UTF-8 lead byte, checked as YAJL checks it.
-        lex_left_ = (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xe ? 2 : (c >> 3) == 0x1e ? 3 : 0;
-        next = lex_left_ ? LEX_UTF8 : LEX_BROKEN;
+        left_count = (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xe ? 2 : (c >> 3) == 0x1e ? 3 : 0;
+        next = left_count ? LEX_UTF8 : LEX_BROKEN;
       }
       break;
     case LEX_ESCAPE:
       if (c == 'u')
       {
-        lex_left_ = 4;
+        left_count = 4;
         next = LEX_HEX;
       }
       else
         next = c && std::strchr("\"\\/bfnrt", c) ? LEX_STRING : LEX_BROKEN;
       break;
     case LEX_HEX:
-      next = !is_hex(c) ? LEX_BROKEN : --lex_left_ ? LEX_HEX : LEX_STRING;
+      next = !is_hex(c) ? LEX_BROKEN : --left_count ? LEX_HEX : LEX_STRING;
       break;
     case LEX_UTF8:
-      next = (c >> 6) != 0x2 ? LEX_BROKEN : --lex_left_ ? LEX_UTF8 : LEX_STRING;
+      next = (c >> 6) != 0x2 ? LEX_BROKEN : --left_count ? LEX_UTF8 : LEX_STRING;
       break;
     case LEX_MINUS:
       next = c == '0' ? LEX_ZERO : is_digit(c) ? LEX_INT : LEX_BROKEN;
@@ -242,11 +275,11 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
       next = is_digit(c) ? LEX_EXP_DIGITS : LEX_BROKEN;
       break;
     default: // LEX_ZERO, LEX_INT, LEX_FRAC, LEX_EXP_DIGITS: a number that may go on
-      if (is_digit(c) && lex_ != LEX_ZERO)
+      if (is_digit(c) && lex != LEX_ZERO)
         break;
-      if (c == '.' && (lex_ == LEX_ZERO || lex_ == LEX_INT))
+      if (c == '.' && (lex == LEX_ZERO || lex == LEX_INT))
         next = LEX_DOT;
-      else if ((c == 'e' || c == 'E') && lex_ != LEX_EXP_DIGITS)
+      else if ((c == 'e' || c == 'E') && lex != LEX_EXP_DIGITS)
         next = LEX_EXP;
       else
       {
@@ -256,8 +289,11 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
       }
     }
     left = left || next == LEX_VALUE || next == LEX_BROKEN;
-    lex_ = next;
+    lex = next;
   }
+  lex_ = lex;
+  lex_left_ = left_count;
+  odd_blank_ = odd_blank_ || odd_blank;
   return left;
 }
 
@@ -290,6 +326,18 @@ yajl_status YAJL_Feeder::feed(yajl_handle handle, char const* data, unsigned lon
   yajl_status status = yajl_status_ok;
   if (data && length)
   {
+    if (!unscanned_.empty())
+    {
+      const unsigned char* text = reinterpret_cast<const unsigned char*>(unscanned_.data());
+      scan(text, text + unscanned_.size());
+      unscanned_.clear();
+    }
+    if (lex_ == LEX_VALUE && length <= unscanned_limit && !std::memchr(data, '\f', length) &&
+        !std::memchr(data, '\v', length))
+    {
+      unscanned_.assign(data, length);
+      return parse(handle, data, length);
+    }
     const unsigned char* text = reinterpret_cast<const unsigned char*>(data);
     if (!scan(text, text + length))
     {
@@ -307,6 +355,7 @@ yajl_status YAJL_Feeder::feed(yajl_handle handle, char const* data, unsigned lon
     }
     return parse(handle, data, length);
   }
+  unscanned_.clear();
   // A text may end inside a number that is kept here.
   if (!carry_.empty())
     status = parse(handle, carry_.data(), carry_.size());

@@ -89,6 +89,10 @@ private:
 
   std::string carry_; // pieces inside one token, not yet fed
   bool carry_fed_;
+  // A small first piece, fed but not yet scanned: a message that comes
+  // whole never needs its end state, one that goes on scans it first.
+  std::string unscanned_;
+  static const size_t unscanned_limit = 4096;
   int lex_;
   int lex_left_;     // hex digits or UTF-8 continuation bytes still due
   bool odd_blank_;   // a form feed or vertical tab between tokens
