@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <mutex>
 #include <new>
 #include <poll.h>
@@ -62,7 +63,9 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
     errno = EISCONN;
     return -1;
   }
-  if (listener_.open(addr, 1, addr.get_type()) == -1)
+  // The kernel caps a larger backlog at net.core.somaxconn.
+  int backlog = options.listen_backlog > 0 ? options.listen_backlog : INT_MAX;
+  if (listener_.open(addr, 1, addr.get_type(), backlog) == -1)
   {
     int error = errno;
     ACE_ERROR((LM_ERROR, "TCP: failed to listen on %C, errno=%d, %m.\n", ACE_Addr_String(addr).c_str(), error));

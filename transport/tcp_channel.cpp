@@ -274,8 +274,8 @@ void TCP_Channel::Output::drop()
 // ---------------------------------------------------------------- life
 
 TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
-  : options_(options), closing_(false), closed_here_(false), registered_(false), io_adapter_(io_lock_), output_failed_(false),
-    streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map),
+  : options_(options), closing_(false), closed_here_(false), registered_(false), io_adapter_(io_lock_),
+    output_failed_(false), streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map),
     token_(true), call_(0), lent_at_(0), frames_(nullptr), lent_end_(LENT_READING), lent_n_(0), lent_errno_(0)
 {
   stream_.set_handle(stream.get_handle());

@@ -47,6 +47,10 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   bool register_channel;
   /// Enter it in JSON_RPC_Channel_Pool too (false).
   bool use_pool;
+  /// Length of a listener's queue of connections not yet accepted; 0, the
+  /// default, asks for the most the system allows (net.core.somaxconn), so
+  /// that a burst of connects waits there instead of being dropped.
+  int listen_backlog;
   /// Runs before registration, with type 0 and the id set to the peer's
   /// address text; it may change both. -1 refuses the connection.
   std::function<int(TCP_Channel&)> on_connect;

@@ -8,12 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <condition_variable>
 #include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
 
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -362,5 +366,81 @@ namespace
     }
     // The connection goes on as before.
     EXPECT_EQ(Value(9), echo_over(client, 9));
+  }
+}
+
+namespace
+{
+  TEST_F(Loopback, ConnectsWaitInTheListenQueueWhileTheAcceptorIsBusy)
+  {
+    // The first connection holds the acceptor in on_connect. Meanwhile the
+    // system completes the handshakes of the others, as many as the
+    // listener's queue holds: a burst is not dropped (ACE's default held 5).
+    struct Gate
+    {
+      std::mutex mutex;
+      std::condition_variable opened;
+      bool open = false;
+      std::atomic<int> seen{0};
+    };
+    auto gate = std::make_shared<Gate>();
+    options.on_connect = [gate](TCP_Channel&) {
+      if (gate->seen++ == 0)
+      {
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->opened.wait_for(lock, std::chrono::seconds(30), [&] { return gate->open; });
+      }
+      return 0;
+    };
+    start();
+    auto open_gate = [gate] {
+      std::lock_guard<std::mutex> lock(gate->mutex);
+      gate->open = true;
+      gate->opened.notify_all();
+    };
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(server.port());
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::vector<int> fds;
+    auto connect_one = [&] {
+      int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      if (fd != -1)
+      {
+        fds.push_back(fd);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 && errno != EINPROGRESS)
+          ADD_FAILURE() << "connect: " << std::strerror(errno);
+      }
+    };
+    connect_one();
+    ASSERT_TRUE(eventually([&] { return gate->seen == 1; }));
+    const size_t count = 100;
+    for (size_t i = 0; i < count; ++i)
+      connect_one();
+    // Connected means writable without an error, within a bounded wait.
+    size_t connected = 0;
+    std::vector<bool> done(fds.size(), false);
+    for (int round = 0; round < 100 && connected < count; ++round)
+    {
+      std::vector<pollfd> watch;
+      for (size_t i = 1; i < fds.size(); ++i)
+        if (!done[i])
+          watch.push_back({fds[i], POLLOUT, 0});
+      ::poll(watch.data(), watch.size(), 100);
+      for (const pollfd& p : watch)
+      {
+        int error = 0;
+        socklen_t length = sizeof error;
+        if ((p.revents & POLLOUT) && ::getsockopt(p.fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0)
+        {
+          done[std::find(fds.begin(), fds.end(), p.fd) - fds.begin()] = true;
+          ++connected;
+        }
+      }
+    }
+    open_gate();
+    EXPECT_EQ(count, connected);
+    for (int fd : fds)
+      ::close(fd);
   }
 }
