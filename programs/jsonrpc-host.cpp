@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace
@@ -38,7 +39,8 @@ namespace
     "program prints \"listening on ADDRESS:PORT\" on standard output (port 0\n"
     "picks a free one). It serves until SIGINT or SIGTERM, then stops: no more\n"
     "connections, every connection closed, the services finalized. A load\n"
-    "that fails is logged, and the program serves what did load.\n"
+    "that fails is logged, and the program serves what did load. At start it\n"
+    "raises its limit of open descriptors to the most the system lets it have.\n"
     "\n"
     "Options:\n"
     "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6)\n"
@@ -46,6 +48,8 @@ namespace
     "  --framing content-length|ndjson\n"
     "                           how messages are framed (default content-length)\n"
     "  --max-message-size BYTES largest message taken (default 0: no limit)\n"
+    "  --max-connections N      connections open at once; one more is closed\n"
+    "                           as soon as it is accepted (default 0: no limit)\n"
     "  --check                  load the configuration and every handler file,\n"
     "                           print what loaded and what failed, and exit\n"
     "                           without listening\n"
@@ -99,6 +103,13 @@ namespace
           return false;
         if (!program::parse_framing(text.c_str(), o.tcp.framing))
           return args.refuse("bad value '" + text + "' for --framing: content-length or ndjson");
+      }
+      else if (args.is("--max-connections"))
+      {
+        long long count;
+        if (!args.number(count, 0, LLONG_MAX))
+          return false;
+        o.tcp.max_connections = static_cast<size_t>(count);
       }
       else if (args.is("--max-message-size"))
       {
@@ -184,6 +195,14 @@ int main(int argc, char** argv)
   {
     args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT or [IPV6]:PORT");
     return 2;
+  }
+  // Every connection takes a descriptor: as many as the system allows.
+  struct rlimit files;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max)
+  {
+    files.rlim_cur = files.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &files) != 0)
+      std::perror("jsonrpc-host: raising the limit of open descriptors");
   }
   // Before any thread starts, so that only the waiter sees the signals.
   program::Waiter waiter;

@@ -52,7 +52,7 @@ struct TCP_Acceptor::Shared
   std::vector<JSON_RPC_Channel_Strong_Ptr> finished;
 };
 
-TCP_Acceptor::TCP_Acceptor() : stop_(false) {}
+TCP_Acceptor::TCP_Acceptor() : stop_(false), out_of_descriptors_(false) {}
 
 TCP_Acceptor::~TCP_Acceptor() { close(true); }
 
@@ -143,6 +143,12 @@ void TCP_Acceptor::close(bool close_connections)
   shared_.reset();
 }
 
+size_t TCP_Acceptor::open_connections() const
+{
+  std::lock_guard<std::mutex> guard(shared_->mutex);
+  return shared_->live.size();
+}
+
 std::vector<JSON_RPC_Channel_Strong_Ptr> TCP_Acceptor::connections() const
 {
   std::vector<JSON_RPC_Channel_Strong_Ptr> up;
@@ -205,9 +211,24 @@ bool TCP_Acceptor::accept_all()
         return true;
       if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO)
         continue;
-      ACE_ERROR((LM_ERROR, "TCP: failed to accept on %C, errno=%d, %m.\n", ACE_Addr_String(local_addr_).c_str(),
-                 errno));
+      // Out of descriptors, accepting pauses until connections end: one
+      // line for the spell, not one for each try.
+      bool descriptors = errno == EMFILE || errno == ENFILE;
+      if (!descriptors || !out_of_descriptors_)
+        ACE_ERROR((LM_ERROR, "TCP: failed to accept on %C, errno=%d, %m%C.\n", ACE_Addr_String(local_addr_).c_str(),
+                   errno, descriptors ? "; accepting pauses until connections end" : ""));
+      out_of_descriptors_ = descriptors;
       return false;
+    }
+    out_of_descriptors_ = false;
+    if (options_.max_connections && open_connections() >= options_.max_connections)
+    {
+      ACE_INET_Addr peer;
+      stream.get_remote_addr(peer);
+      ACE_ERROR((LM_WARNING, "TCP: connection from %C refused: %B open, the most allowed.\n",
+                 ACE_Addr_String(peer).c_str(), static_cast<ACE_UINT64>(options_.max_connections)));
+      stream.close();
+      continue;
     }
     TCP_Channel* tcp = new (std::nothrow) TCP_Channel(stream, options_);
     if (!tcp)

@@ -50,12 +50,14 @@ private:
   void run(unsigned long log_mask, ACE_Log_Msg_Callback* log_callback);
   bool accept_all();
   void reap();
+  size_t open_connections() const;
 
   std::shared_ptr<Shared> shared_;
   ACE_SOCK_Acceptor listener_;
   ACE_INET_Addr local_addr_;
   TCP_Options options_;
   std::atomic<bool> stop_;
+  bool out_of_descriptors_; // on the accept thread
   std::thread thread_;
 };
 

@@ -51,6 +51,10 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// default, asks for the most the system allows (net.core.somaxconn), so
   /// that a burst of connects waits there instead of being dropped.
   int listen_backlog;
+  /// Most connections a listener keeps open at once; 0, the default, sets
+  /// no limit. One past it is closed as soon as it is accepted, with a line
+  /// at warning priority, instead of being left to hang.
+  size_t max_connections;
   /// Runs before registration, with type 0 and the id set to the peer's
   /// address text; it may change both. -1 refuses the connection.
   std::function<int(TCP_Channel&)> on_connect;

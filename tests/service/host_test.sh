@@ -5,9 +5,11 @@
 # refused call under pool overload, and a clean stop. Before that, the
 # host's own arguments and --check of a good and a broken configuration.
 #
-# Usage: host_test.sh HOST CALL LIB_DIR EXAMPLES_DIR WORK_DIR
+# Usage: host_test.sh HOST CALL LIB_DIR EXAMPLES_DIR WORK_DIR [SANITIZED]
+# SANITIZED is 1 in a sanitizer build, where a host out of descriptors is
+# not run: the sanitizers' own checks need descriptors too.
 set -u
-host=$1 call=$2 lib=$3 examples=$4 work=$5
+host=$1 call=$2 lib=$3 examples=$4 work=$5 sanitized=${6:-0}
 rm -rf "$work" && mkdir -p "$work/build" && ln -s "$lib" "$work/build/lib" && ln -s "$examples" "$work/examples"
 cd "$work" || exit 1
 
@@ -18,10 +20,12 @@ fail() {
   exit 1
 }
 
-# start_host NAME ARGS...: runs a host, sets PORT once it listens.
+# start_host NAME ARGS...: runs a host (under the command in wrap, if
+# any), sets PORT once it listens.
+wrap=()
 start_host() {
   local name=$1; shift
-  "$host" --listen 127.0.0.1:0 "$@" > "$name.out" 2> "$name.err" &
+  "${wrap[@]}" "$host" --listen 127.0.0.1:0 "$@" > "$name.out" 2> "$name.err" &
   pids+=($!)
   for _ in $(seq 1 100); do
     PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$name.out")
@@ -203,6 +207,54 @@ wait "$doomed_call"
 rc=$?
 [ "$rc" -eq 3 ] || fail "the caller of a killed host exited $rc: $(cat doomed.call)"
 unset 'pids[-1]'
+
+# Descriptors: the host raises its soft limit to the hard one. Out of
+# descriptors, accepting pauses with one line for the spell, and resumes
+# when connections end.
+if command -v prlimit > /dev/null; then
+  wrap=(prlimit --nofile=64:256)
+  start_host raised --svc-conf examples/svc.conf
+  grep -q '^Max open files *256 *256 ' "/proc/${pids[-1]}/limits" ||
+    fail "the soft limit was not raised: $(grep 'open files' "/proc/${pids[-1]}/limits")"
+  kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the raised host did not stop cleanly"
+fi
+if command -v prlimit > /dev/null && [ "$sanitized" != 1 ]; then
+  wrap=(prlimit --nofile=40:40)
+  start_host few --svc-conf examples/svc.conf
+  wrap=()
+  held=()
+  for _ in $(seq 1 50); do
+    exec {fd}<> "/dev/tcp/127.0.0.1/$PORT" && held+=("$fd")
+  done
+  sleep 1.5
+  pauses=$(grep -c 'accepting pauses until connections end' few.err)
+  [ "$pauses" -eq 1 ] || fail "out of descriptors: $pauses lines, not one: $(tail -n 5 few.err)"
+  for fd in "${held[@]}"; do exec {fd}>&-; done
+  answered=
+  for _ in $(seq 1 50); do
+    "$call" --timeout 5 "127.0.0.1:$PORT" echo 1 > /dev/null 2>&1 && answered=yes && break
+    sleep 0.2
+  done
+  [ -n "$answered" ] || fail "no call answered once the descriptors were free"
+  kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with few descriptors did not stop cleanly"
+fi
+
+# A connection past --max-connections is closed at once, with a line; once
+# one ends, the next is taken.
+start_host capped --svc-conf examples/svc.conf --max-connections 2
+exec {one}<> "/dev/tcp/127.0.0.1/$PORT" && exec {two}<> "/dev/tcp/127.0.0.1/$PORT" || fail "no raw connections"
+sleep 0.5
+expect 3 'the connection closed' "127.0.0.1:$PORT" echo 1
+grep -q 'refused: 2 open, the most allowed\.$' capped.err || fail "no refusal line: $(tail -n 3 capped.err)"
+exec {one}>&-
+answered=
+for _ in $(seq 1 50); do
+  "$call" --timeout 5 "127.0.0.1:$PORT" echo 1 > /dev/null 2>&1 && answered=yes && break
+  sleep 0.2
+done
+[ -n "$answered" ] || fail "no call answered under the cap once a connection ended"
+exec {two}>&-
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the capped host did not stop cleanly"
 
 # Clean stop of the main host.
 kill -TERM "$main_pid"
