@@ -208,6 +208,16 @@ rc=$?
 [ "$rc" -eq 3 ] || fail "the caller of a killed host exited $rc: $(cat doomed.call)"
 unset 'pids[-1]'
 
+# answered_soon: an echo call to the last host is answered within a bounded
+# number of tries.
+answered_soon() {
+  for _ in $(seq 1 50); do
+    "$call" --timeout 5 "127.0.0.1:$PORT" echo 1 > /dev/null 2>&1 && return 0
+    sleep 0.2
+  done
+  return 1
+}
+
 # Descriptors: the host raises its soft limit to the hard one. Out of
 # descriptors, accepting pauses with one line for the spell, and resumes
 # when connections end.
@@ -230,12 +240,7 @@ if command -v prlimit > /dev/null && [ "$sanitized" != 1 ]; then
   pauses=$(grep -c 'accepting pauses until connections end' few.err)
   [ "$pauses" -eq 1 ] || fail "out of descriptors: $pauses lines, not one: $(tail -n 5 few.err)"
   for fd in "${held[@]}"; do exec {fd}>&-; done
-  answered=
-  for _ in $(seq 1 50); do
-    "$call" --timeout 5 "127.0.0.1:$PORT" echo 1 > /dev/null 2>&1 && answered=yes && break
-    sleep 0.2
-  done
-  [ -n "$answered" ] || fail "no call answered once the descriptors were free"
+  answered_soon || fail "no call answered once the descriptors were free"
   kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with few descriptors did not stop cleanly"
 fi
 
@@ -247,12 +252,7 @@ sleep 0.5
 expect 3 'the connection closed' "127.0.0.1:$PORT" echo 1
 grep -q 'refused: 2 open, the most allowed\.$' capped.err || fail "no refusal line: $(tail -n 3 capped.err)"
 exec {one}>&-
-answered=
-for _ in $(seq 1 50); do
-  "$call" --timeout 5 "127.0.0.1:$PORT" echo 1 > /dev/null 2>&1 && answered=yes && break
-  sleep 0.2
-done
-[ -n "$answered" ] || fail "no call answered under the cap once a connection ended"
+answered_soon || fail "no call answered under the cap once a connection ended"
 exec {two}>&-
 kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the capped host did not stop cleanly"
 
