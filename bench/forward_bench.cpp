@@ -94,7 +94,9 @@ namespace
     std::unique_ptr<Host> host(const std::string& name, const std::string& svc_conf)
     {
       std::unique_ptr<Host> h(
-        new Host(JSONRPC_HOST, dir, name, {"--listen", "127.0.0.1:0", "--framing", "ndjson", "--svc-conf", svc_conf}));
+        // No limit: the assembled run holds 256 MB on purpose.
+        new Host(JSONRPC_HOST, dir, name,
+                 {"--listen", "127.0.0.1:0", "--framing", "ndjson", "--max-message-size", "0", "--svc-conf", svc_conf}));
       if (!h->port)
         std::fprintf(stderr, "forward_bench: %s did not start:\n%s", name.c_str(), h->log().c_str());
       return h->port ? std::move(h) : nullptr;

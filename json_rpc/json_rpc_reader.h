@@ -58,6 +58,9 @@ public:
   void mode(unsigned int mode) { mode_ = mode; }
   int state() const { return state_; }
   bool handled_indirectly() const { return handled_indirectly_; }
+  /// True while what is fed goes to a params filter or to a forwarded
+  /// response's requester instead of into the object being assembled.
+  bool streaming() const { return state_ == STATE_FORWARDING || (delegate && delegate != &json_parser_); }
   /// The id read so far; once a response is forwarded, the requester's.
   const json_spirit::Value& id() const { return id_; }
   /// The answer to the message that read() just refused: -32700 "Parse

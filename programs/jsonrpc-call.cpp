@@ -309,6 +309,8 @@ namespace
     // A client is nobody's registered peer, and its own registration notices
     // would reach the printer.
     tcp.register_channel = false;
+    // The answer is what its user asked for: held whatever its size.
+    tcp.max_message_size = 0;
     tcp.on_close = [&waiter](TCP_Channel&) { waiter.wake('x'); };
     ACE_Time_Value connect_limit(static_cast<time_t>(o.connect_timeout));
     JSON_RPC_Channel_Strong_Ptr strong;

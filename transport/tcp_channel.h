@@ -50,9 +50,9 @@ class TCP_Frame_Reader;
 /// (-32700 "Parse error" for text that is no JSON, -32600 "Invalid Request"
 /// for JSON that is no acceptable message, under the message's id if the
 /// reader saw it) and the connection reads on. Broken framing (a header too
-/// large, a bad or missing Content-Length, a message over max_message_size)
-/// is logged and answered with an error of id null and code -32700 before
-/// the connection is closed. A message without content, such as {"id":1},
+/// large, a bad or missing Content-Length), or a message of which more than
+/// max_message_size bytes would be held, is logged and answered with an
+/// error of id null and code -32700 before the connection is closed. A message without content, such as {"id":1},
 /// is logged and skipped.
 ///
 /// Writing: each message goes out whole under io_mutex(). With NDJSON the

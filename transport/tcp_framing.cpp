@@ -1,6 +1,7 @@
 #include "transport/tcp_framing.h"
 #include "transport/tcp_channel.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -53,7 +54,10 @@ namespace
 TCP_Frame_Reader::TCP_Frame_Reader(const TCP_Options& options, JSON_RPC_Channel_Weak_Ptr channel)
   : framing_(options.framing), max_header_size_(options.max_header_size),
     max_message_size_(options.max_message_size), channel_(channel), state_(STATE_IDLE), header_bytes_(0),
-    has_length_(false), length_(0), body_bytes_(0)
+    has_length_(false), length_(0), body_bytes_(0), assembled_bytes_(0),
+    // Fine enough that the bytes miscounted where streaming starts or ends
+    // are a small part of the limit.
+    count_step_(static_cast<size_t>(std::max(64ULL, std::min(16384ULL, options.max_message_size / 8))))
 {
   // Params filters see the params of the methods they were loaded for as
   // they stream in; other methods are read as usual.
@@ -108,6 +112,7 @@ void TCP_Frame_Reader::begin()
   has_length_ = false;
   length_ = 0;
   body_bytes_ = 0;
+  assembled_bytes_ = 0;
   line_.clear();
 }
 
@@ -140,9 +145,6 @@ bool TCP_Frame_Reader::header_line()
     return refuse("bad Content-Length \"" + value.substr(0, 32) + "\"");
   if (has_length_ && length != length_)
     return refuse("conflicting Content-Length headers");
-  if (max_message_size_ && length > max_message_size_)
-    return refuse("message of " + std::to_string(length) + " bytes exceeds the limit of " +
-                  std::to_string(max_message_size_));
   has_length_ = true;
   length_ = length;
   return true;
@@ -240,13 +242,23 @@ int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handl
         take = (nl ? nl : end) - p;
       }
       body_bytes_ += take;
-      if (max_message_size_ && body_bytes_ > max_message_size_)
-        return fail("message exceeds the limit of " + std::to_string(max_message_size_) + " bytes");
-      // A zero length would end the parse: only finish() may do that.
-      if (take && state_ == STATE_BODY && !reader_.read(p, take))
+      // Only what is held counts against the limit: the reader is fed in
+      // steps, each taken as held if the reader assembles after it. (A
+      // zero length would end the parse: only finish() may do that.)
+      for (size_t at = 0; at < take && state_ == STATE_BODY;)
       {
-        refused();
-        state_ = STATE_SKIP;
+        size_t step = std::min(take - at, count_step_);
+        if (!reader_.read(p + at, step))
+        {
+          refused();
+          state_ = STATE_SKIP;
+          break;
+        }
+        at += step;
+        if (!reader_.streaming())
+          assembled_bytes_ += step;
+        if (max_message_size_ && assembled_bytes_ > max_message_size_)
+          return fail("message exceeds the limit of " + std::to_string(max_message_size_) + " bytes");
       }
       p += take;
       bool done = framing_ == TCP_Options::FRAMING_CONTENT_LENGTH ? body_bytes_ == length_ : nl != nullptr;

@@ -17,8 +17,8 @@
 /// A message that the reader refuses while its framing holds is answered
 /// on the channel with the reader's refusal() (-32700 or -32600), the rest
 /// of it is skipped, and the stream reads on. Only broken framing (a bad or
-/// oversized header, a bad length, a message past max_message_size) makes
-/// the stream unreadable.
+/// oversized header, a bad length) or a message of which more than
+/// max_message_size bytes would be held makes the stream unreadable.
 class JSON_RPC_TCP_EXPORT TCP_Frame_Reader
 {
 public:
@@ -78,6 +78,8 @@ private:
   bool has_length_;
   unsigned long long length_;
   unsigned long long body_bytes_;
+  unsigned long long assembled_bytes_;
+  size_t count_step_;
   std::string error_;
 };
 

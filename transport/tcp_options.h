@@ -38,7 +38,9 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   ACE_Time_Value send_limit;
   /// Bytes of header lines in front of one body (8 KiB).
   size_t max_header_size;
-  /// Largest incoming message body in bytes; 0, the default, means no limit.
+  /// Most bytes of an incoming message that are assembled into an object
+  /// (64 MiB; 0: no limit). Params that stream to a filter and responses
+  /// forwarded as they come are not held, and do not count.
   unsigned long long max_message_size;
   /// Responses to requests passed on with TCP_Channel::forward stream back
   /// to their requesters (the reader's MODE_FORWARD_RESPONSE).

@@ -1,6 +1,7 @@
 // What goes over the wire: both framings, fed in every cut, and bad input.
 #include "tcp_test_support.h"
 #include "../json_rpc/rpc_test_util.h"
+#include "json_rpc/json_rpc_params_filter.h"
 #include "transport/tcp_framing.h"
 
 #include <gtest/gtest.h>
@@ -216,11 +217,13 @@ namespace
 {
   // What a frame reader makes of a stream: the messages it delivers, and
   // the answers it sends to refused ones, in order.
-  std::string frames_of(TCP_Options::Framing framing, const std::vector<std::string>& pieces)
+  std::string frames_of(TCP_Options::Framing framing, const std::vector<std::string>& pieces,
+                        unsigned long long limit = TCP_Options().max_message_size)
   {
     JSON_RPC_Channel_Strong_Ptr channel = make_channel();
     TCP_Options options;
     options.framing = framing;
+    options.max_message_size = limit;
     TCP_Frame_Reader frames(options, JSON_RPC_Channel_Weak_Ptr(channel));
     std::string out;
     size_t answered = 0;
@@ -290,5 +293,45 @@ namespace
     for (size_t cut = 0; cut <= broken.size(); ++cut)
       ASSERT_EQ(message(request(1)) + "failed: bad Content-Length \"x\"",
                 frames_of(TCP_Options::FRAMING_CONTENT_LENGTH, {broken.substr(0, cut), broken.substr(cut)}));
+  }
+}
+
+namespace
+{
+  TEST(Frame_Reader, OnlyWhatIsAssembledCountsAgainstTheSizeLimit)
+  {
+    Log_Capture log;
+    // The params of "streamed" go to a filter that takes every event.
+    struct Taking_Creator : JSON_RPC_Params_Handler_Creator
+    {
+      YAJL_Handler* create(JSON_RPC_Channel_Weak_Ptr, JSON_RPC_Object_Ptr) override { return new YAJL_Handler; }
+    };
+    JSON_RPC_Params_Handler_Map::instance()->insert("streamed", "", new Taking_Creator, nullptr);
+    std::string numbers = "[";
+    for (int i = 0; i < 5000; ++i)
+      numbers += "1,";
+    numbers += "1]";
+    const std::string streamed = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"streamed\",\"params\":" + numbers + "}";
+    for (TCP_Options::Framing framing : {TCP_Options::FRAMING_CONTENT_LENGTH, TCP_Options::FRAMING_NDJSON})
+    {
+      auto frame = [&](const std::string& body) {
+        return framing == TCP_Options::FRAMING_NDJSON ? body + "\n" : content_length_frame(body);
+      };
+      // Ten times the limit, streamed: read through, in pieces or whole.
+      for (size_t piece : {size_t(0), size_t(64)})
+      {
+        std::vector<std::string> pieces;
+        std::string all = frame(streamed) + frame(request(2));
+        for (size_t at = 0; at < all.size(); at += piece ? piece : all.size())
+          pieces.push_back(all.substr(at, piece ? piece : all.size()));
+        std::string out = frames_of(framing, pieces, 1000);
+        EXPECT_EQ(std::string::npos, out.find("failed")) << out;
+        EXPECT_NE(std::string::npos, out.find("message " + request(2))) << out;
+      }
+      // The same held in a tree is refused, and the stream with it.
+      EXPECT_EQ("failed: message exceeds the limit of 1000 bytes",
+                frames_of(framing, {frame(request(3, numbers))}, 1000));
+    }
+    JSON_RPC_Params_Handler_Map::close_instance();
   }
 }
