@@ -214,10 +214,28 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
     switch (lex)
     {
     case LEX_VALUE:
-      // Blanks and punctuation in one run (a form feed or vertical tab
-      // stops it too, to be noted).
-      while (!(byte_classes.of[c] & TOKEN_START) && p < end)
+      for (;;)
+      {
+        // Blanks and punctuation in one run (a form feed or vertical tab
+        // stops it too, to be noted).
+        while (!(byte_classes.of[c] & TOKEN_START) && p < end)
+          c = *p++;
+        if (c < '1' || c > '9' || p == end)
+          break;
+        // An integer that ends in the piece, as most do, is passed here;
+        // the one that goes on to a fraction, an exponent or the piece's
+        // end is left to the number's states.
         c = *p++;
+        while (is_digit(c) && p < end)
+          c = *p++;
+        if (is_digit(c) || c == '.' || c == 'e' || c == 'E')
+        {
+          if (!is_digit(c))
+            --p;
+          c = '1';
+          break;
+        }
+      }
       if (c == '"')
         next = LEX_STRING;
       else if (c == '-')
@@ -275,6 +293,10 @@ bool YAJL_Feeder::scan(const unsigned char* p, const unsigned char* end)
       next = is_digit(c) ? LEX_EXP_DIGITS : LEX_BROKEN;
       break;
     default: // LEX_ZERO, LEX_INT, LEX_FRAC, LEX_EXP_DIGITS: a number that may go on
+      // Its digits in one run.
+      if (lex != LEX_ZERO)
+        while (is_digit(c) && p < end)
+          c = *p++;
       if (is_digit(c) && lex != LEX_ZERO)
         break;
       if (c == '.' && (lex == LEX_ZERO || lex == LEX_INT))

@@ -111,6 +111,7 @@ TEST(YAJL_Feeder, EachEventFiresAndEachErrorShowsInTheCallThatFeedsItsBytes)
   const std::string good[] = {
     "{\"k\":[1,-0.5e+3,0,10E2,\"a\\\"b\\u00e9\\n\",\"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\",true,false,null,{}],\"z\":-7}",
     "[123456789, \"" + std::string(300, 'x') + "\", 0.25]",
+    "[1,22,333,4444,55555,1.5,2e3,-7,0,10,\"a\",4]",
   };
   // Each refused where YAJL refuses it: in a long string, in a number.
   const std::string bad[] = {
@@ -121,23 +122,25 @@ TEST(YAJL_Feeder, EachEventFiresAndEachErrorShowsInTheCallThatFeedsItsBytes)
     "[\"" + std::string(200, 'x') + "\xFF\"]",
     "[-x]", "[1.e5]", "[1e+]", "[12\f]", "[1,\v2]",
   };
+  for (size_t piece : {1, 3, 7})
   for (const std::string* texts : {good, bad})
     for (size_t t = 0; t < (texts == good ? std::size(good) : std::size(bad)); ++t)
     {
       const std::string& text = texts[t];
-      SCOPED_TRACE(text.substr(0, 40));
+      SCOPED_TRACE(text.substr(0, 40) + ", in pieces of " + std::to_string(piece));
       Recorder r;
       YAJL_Feeder feeder;
       yajl_handle h = feeder.alloc_handle(r);
       size_t i = 0;
-      for (; i < text.size(); ++i)
+      for (; i < text.size(); i += piece)
       {
-        bool ok = feeder.feed(h, &text[i], 1) == yajl_status_ok;
-        Whole w = whole(text.substr(0, i + 1));
-        ASSERT_EQ(w.refused, !ok) << "after byte " << i;
+        size_t n = std::min(piece, text.size() - i);
+        bool ok = feeder.feed(h, &text[i], n) == yajl_status_ok;
+        Whole w = whole(text.substr(0, i + n));
+        ASSERT_EQ(w.refused, !ok) << "after byte " << i + n - 1;
         if (!ok)
           break;
-        ASSERT_EQ(w.seen, r.seen) << "after byte " << i;
+        ASSERT_EQ(w.seen, r.seen) << "after byte " << i + n - 1;
       }
       if (texts == good)
         EXPECT_EQ(yajl_status_ok, feeder.feed(h, nullptr, 0));
