@@ -22,19 +22,23 @@ namespace
     return call ? static_cast<const JSON_RPC_Request&>(object).method : none;
   }
 
-  // Logs what happened to the call, naming its method and peer, and sends
-  // the error if the call is a request and the peer is still there.
-  void answer(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, const char* what,
-              int code, const char* message, const json_spirit::Value& data)
+  // Logs what happened to the call at priority, naming its method and peer
+  // (and adding unanswered for a notification whose peer is there), and
+  // sends the error if the call is a request and the peer is still there.
+  void answer(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, ACE_Log_Priority priority,
+              const std::string& what, const char* unanswered, int code, const char* message,
+              const json_spirit::Value& data)
   {
     JSON_RPC_Channel_Strong_Ptr peer(channel);
     const JSON_RPC_Object* o = object.get();
     std::string method = o ? method_of(*o) : std::string();
+    bool request = o && o->type == JSON_RPC_Object::TYPE_REQUEST;
     if (peer.null())
-      ACE_ERROR((LM_ERROR, "JSON-RPC '%C' %C; the requester is gone.\n", method.c_str(), what));
+      ACE_ERROR((priority, "JSON-RPC '%C' %C; the requester is gone.\n", method.c_str(), what.c_str()));
     else
-      ACE_ERROR((LM_ERROR, "JSON-RPC '%C' by %C %C.\n", method.c_str(), Peer_Addr_String(*peer).c_str(), what));
-    if (!peer.null() && o && o->type == JSON_RPC_Object::TYPE_REQUEST)
+      ACE_ERROR((priority, "JSON-RPC '%C' by %C %C%C.\n", method.c_str(), Peer_Addr_String(*peer).c_str(),
+                 what.c_str(), request ? "" : unanswered));
+    if (!peer.null() && request)
       peer->send_error(code, o->id, message, data);
   }
 }
@@ -42,24 +46,15 @@ namespace
 void answer_exception(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object, const char* what)
 {
   std::string text = what ? what : "unknown exception";
-  answer(channel, object, ("threw: " + text).c_str(), -32603, nullptr, json_spirit::Value(text));
+  answer(channel, object, LM_ERROR, "threw: " + text, "", -32603, nullptr, json_spirit::Value(text));
 }
 
 void answer_error(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object,
                   const JSON_RPC_Error& error)
 {
-  JSON_RPC_Channel_Strong_Ptr peer(channel);
-  const JSON_RPC_Object* o = object.get();
-  std::string method = o ? method_of(*o) : std::string();
-  bool request = o && o->type == JSON_RPC_Object::TYPE_REQUEST;
-  if (peer.null())
-    ACE_DEBUG((LM_DEBUG, "JSON-RPC '%C' failed with error %d (%C); the requester is gone.\n", method.c_str(),
-               error.code(), error.what()));
-  else
-    ACE_DEBUG((LM_DEBUG, "JSON-RPC '%C' by %C failed with error %d (%C)%C.\n", method.c_str(),
-               Peer_Addr_String(*peer).c_str(), error.code(), error.what(), request ? "" : ", a notification: no answer"));
-  if (!peer.null() && request)
-    peer->send_error(error.code(), o->id, error.what(), error.data());
+  answer(channel, object, LM_DEBUG,
+         "failed with error " + std::to_string(error.code()) + " (" + error.what() + ")", ", a notification: no answer",
+         error.code(), error.what(), error.data());
 }
 
 int dispatch_answering(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr object)
@@ -68,7 +63,7 @@ int dispatch_answering(JSON_RPC_Channel_Weak_Ptr channel, JSON_RPC_Object_Ptr ob
   int result =
     run_answering(channel, object, [&] { return JSON_RPC_Dispatcher::instance()->dispatch(channel, object); });
   if (result == -1 && JSON_RPC_Thread_Pool_Handler::take_refusal())
-    answer(channel, object, "refused: the thread pool is full or has no worker", JSON_RPC_SERVER_BUSY,
+    answer(channel, object, LM_ERROR, "refused: the thread pool is full or has no worker", "", JSON_RPC_SERVER_BUSY,
            json_rpc_server_busy_message, json_spirit::Value::null);
   return result;
 }

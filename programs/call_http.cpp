@@ -16,40 +16,6 @@
 
 namespace program
 {
-  bool parse_url(const std::string& text, URL& url)
-  {
-    size_t rest;
-    if (text.compare(0, 7, "http://") == 0)
-      rest = 7;
-    else if (text.compare(0, 8, "https://") == 0)
-    {
-      url.ssl = true;
-      rest = 8;
-    }
-    else
-      return false;
-    size_t slash = text.find('/', rest);
-    std::string authority = text.substr(rest, slash == std::string::npos ? std::string::npos : slash - rest);
-    if (slash != std::string::npos)
-      url.path = text.substr(slash);
-    size_t colon = authority.rfind(':');
-    if (colon != std::string::npos && authority.find(']', colon) == std::string::npos)
-    {
-      char* end = nullptr;
-      long port = std::strtol(authority.c_str() + colon + 1, &end, 10);
-      if (colon + 1 == authority.size() || *end || port < 1 || port > 65535)
-        return false;
-      url.port = static_cast<unsigned short>(port);
-      authority.resize(colon);
-    }
-    else
-      url.port = url.ssl ? 443 : 80;
-    if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']')
-      authority = authority.substr(1, authority.size() - 2);
-    url.host = authority;
-    return !url.host.empty();
-  }
-
   int rest_method(const std::string& verb)
   {
     static const struct
@@ -115,14 +81,14 @@ namespace program
 
   int run_http(const HTTP_Call& call)
   {
-    const URL& url = call.url;
+    const HTTP_Endpoint& endpoint = call.endpoint;
     HTTP_Session_Ptr session =
-      HTTP_Session_Factory::create(url.host.c_str(), url.port, url.ssl, nullptr, 1, call.context, call.insecure,
+      HTTP_Session_Factory::create(endpoint.host.c_str(), endpoint.port, endpoint.ssl, nullptr, 1, call.context, call.insecure,
                                    call.connect_timeout, call.timeout, 0, 0);
     if (!session.get())
-      return failed("no HTTP session for " + url.host);
+      return failed("no HTTP session for " + endpoint.host);
     int method = call.rest ? rest_method(call.method) : static_cast<int>(HTTP_Request::METHOD_POST);
-    HTTP_Request request(method, url.path.c_str(), true);
+    HTTP_Request request(method, call.path.c_str(), true);
 
     // A JSON-RPC call is always a body; a REST request only when given one.
     JSON_RPC_Request_Generator rpc_request(call.method.c_str(), call.body);

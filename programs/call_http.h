@@ -5,6 +5,8 @@
 
 #include "json_source.h"
 
+#include "tessel/http_client.h"
+
 #include <string>
 
 class ACE_SSL_Context;
@@ -20,21 +22,10 @@ namespace program
     EXIT_FAILED = 3
   };
 
-  /// http[s]://HOST[:PORT][/PATH], HOST possibly an IPv6 address in brackets.
-  struct URL
-  {
-    bool ssl = false;
-    std::string host;
-    unsigned short port = 0;
-    std::string path = "/";
-  };
-
-  /// False for anything but such a URL.
-  bool parse_url(const std::string& text, URL& url);
-
   struct HTTP_Call
   {
-    URL url;
+    HTTP_Endpoint endpoint;
+    std::string path;
     /// The JSON-RPC method, or with rest the verb (GET, POST, PUT, DELETE).
     std::string method;
     bool rest = false;

@@ -350,15 +350,16 @@ namespace
 
   int run(const Options& o)
   {
-    URL url;
-    bool http = parse_url(o.positional[0], url);
+    HTTP_Endpoint endpoint;
+    std::string path;
+    bool http = http_parse_url(o.positional[0], endpoint, path);
     if (!o.rest.empty() && !http)
     {
       std::fprintf(stderr, "jsonrpc-call: --rest wants an http:// or https:// URL, not '%s'\n",
                    o.positional[0].c_str());
       return EXIT_USAGE;
     }
-    if ((!o.cacert.empty() || o.insecure) && !(http && url.ssl))
+    if ((!o.cacert.empty() || o.insecure) && !(http && endpoint.ssl))
     {
       std::fprintf(stderr, "jsonrpc-call: %s is for https:// URLs\n", o.insecure ? "--insecure" : "--cacert");
       return EXIT_USAGE;
@@ -369,7 +370,7 @@ namespace
       return EXIT_USAGE;
     }
     ACE_INET_Addr addr;
-    if (!http && !parse_address(o.positional[0].c_str(), addr))
+    if (!http && parse_tcp_address(o.positional[0], addr) == -1)
     {
       std::fprintf(stderr, "jsonrpc-call: bad address '%s'\n", o.positional[0].c_str());
       return EXIT_USAGE;
@@ -416,7 +417,8 @@ namespace
       }
       ACE_LOG_MSG->priority_mask(LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
       HTTP_Call call;
-      call.url = url;
+      call.endpoint = endpoint;
+      call.path = path;
       call.rest = !o.rest.empty();
       call.method = call.rest ? o.rest : o.positional[1];
       call.notify = o.notify;

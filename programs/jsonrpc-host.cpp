@@ -194,7 +194,7 @@ int main(int argc, char** argv)
     return 0;
   }
   ACE_INET_Addr addr;
-  if (!options.check && !program::parse_address(options.listen.c_str(), addr))
+  if (!options.check && parse_tcp_address(options.listen, addr) == -1)
   {
     args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT or [IPV6]:PORT");
     return 2;

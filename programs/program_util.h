@@ -23,23 +23,6 @@
 
 namespace program
 {
-  /// HOST:PORT, or [IPV6]:PORT.
-  inline bool parse_address(const char* text, ACE_INET_Addr& addr)
-  {
-    std::string s(text ? text : "");
-    size_t colon = s.rfind(':');
-    if (colon == std::string::npos || colon + 1 == s.size())
-      return false;
-    std::string host = s.substr(0, colon), port = s.substr(colon + 1);
-    if (host.size() > 1 && host.front() == '[' && host.back() == ']')
-      host = host.substr(1, host.size() - 2);
-    char* end = nullptr;
-    long number = std::strtol(port.c_str(), &end, 10);
-    if (host.empty() || *end || number < 0 || number > 65535)
-      return false;
-    return addr.set(static_cast<unsigned short>(number), host.c_str()) == 0;
-  }
-
   inline bool parse_framing(const char* text, TCP_Options::Framing& framing)
   {
     if (text && !std::strcmp(text, "content-length"))

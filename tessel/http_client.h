@@ -35,6 +35,30 @@
 
 class ACE_SSL_Context;
 
+/// Where a connection goes.
+struct TESSEL_EXPORT HTTP_Endpoint
+{
+  std::string host;
+  unsigned short port;
+  bool ssl;
+  /// Host field, SNI and the certificate's name.
+  std::string server_name;
+
+  bool operator==(const HTTP_Endpoint& other) const
+  {
+    return port == other.port && ssl == other.ssl && host == other.host && server_name == other.server_name;
+  }
+  /// "host" or "host:port" when the port is not the scheme's own.
+  std::string host_field() const;
+  /// "http://host:port" or "https://host:port".
+  std::string origin() const;
+};
+
+/// Splits "http[s]://host[:port]/path" (the host may be an IPv6 address in
+/// brackets; the path is "/" when there is none) into an endpoint and a
+/// path; false for anything else.
+TESSEL_EXPORT bool http_parse_url(const std::string& url, HTTP_Endpoint& endpoint, std::string& path);
+
 /// The header fields of one message, in the order they were put. Names
 /// compare without regard to case. Clearing keeps the storage, so a message
 /// object used again allocates little.

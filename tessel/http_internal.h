@@ -15,29 +15,6 @@
 
 class ACE_SSL_Context;
 
-/// Where a connection goes.
-struct HTTP_Endpoint
-{
-  std::string host;
-  unsigned short port;
-  bool ssl;
-  /// Host field, SNI and the certificate's name.
-  std::string server_name;
-
-  bool operator==(const HTTP_Endpoint& other) const
-  {
-    return port == other.port && ssl == other.ssl && host == other.host && server_name == other.server_name;
-  }
-  /// "host" or "host:port" when the port is not the scheme's own.
-  std::string host_field() const;
-  /// "http://host:port" or "https://host:port".
-  std::string origin() const;
-};
-
-/// Splits "http[s]://host[:port]/path" into an endpoint and a path; false
-/// for anything else.
-bool http_parse_url(const std::string& url, HTTP_Endpoint& endpoint, std::string& path);
-
 /// A byte stream with the session's time limits.
 class HTTP_Transport
 {

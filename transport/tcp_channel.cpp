@@ -409,7 +409,7 @@ void TCP_Channel::run(JSON_RPC_Channel_Strong_Ptr* keep, ACE_Log_Msg_Callback* l
     read_loop(frames);
     closing_ = true;
     // Nothing answers the calls that still wait: they fail now.
-    waits_.end(closed_here_ ? ECONNABORTED : ECONNRESET);
+    waits_.end(end_errno());
     // A forward in progress holds another channel's lock: it goes first.
     frames.close();
   }
@@ -706,7 +706,7 @@ bool TCP_Channel::read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* de
   if (deadline && *deadline <= ACE_OS::gettimeofday())
     errno = ETIME;
   else // the connection ends: the read loop sees to it once the handler returns
-    errno = closed_here_ ? ECONNABORTED : ECONNRESET;
+    errno = end_errno();
   return false;
 }
 

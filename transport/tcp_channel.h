@@ -13,6 +13,7 @@
 #include <ace/Thread_Mutex.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -202,6 +203,8 @@ private:
   bool wait_entered(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
   bool read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
   bool read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames);
+  /// What a call that waits over the ended connection fails with.
+  int end_errno() const { return closed_here_ ? ECONNABORTED : ECONNRESET; }
   bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline, bool nested = false);
   bool stand_aside(bool timed);
   void call_reader();

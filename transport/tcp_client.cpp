@@ -5,6 +5,8 @@
 
 #include "json_rpc/json_rpc_scope.h"
 
+#include <ace/Log_Msg.h>
+
 #include <cerrno>
 
 TCP_Client::TCP_Client() {}
@@ -15,7 +17,10 @@ int TCP_Client::connect(const std::string& address, const TCP_Options& options, 
 {
   ACE_INET_Addr addr;
   if (parse_tcp_address(address, addr) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "TCP: bad address '%C', expected HOST:PORT.\n", address.c_str()));
     return -1;
+  }
   return connect(addr, options, timeout);
 }
 

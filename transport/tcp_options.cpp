@@ -24,7 +24,6 @@ int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr)
   if (host.empty() || port.empty() || *end || number < 0 || number > 65535 || port[0] == '+' || port[0] == '-' ||
       addr.set(static_cast<unsigned short>(number), host.c_str()) == -1)
   {
-    ACE_ERROR((LM_ERROR, "TCP: bad address '%C', expected HOST:PORT.\n", text.c_str()));
     errno = EINVAL;
     return -1;
   }

@@ -66,8 +66,8 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
 
 /// Reads "HOST:PORT" ("127.0.0.1:4000", "localhost:0", "[::1]:4000"; port
 /// 0 lets the system pick one when listening) into addr. -1 with errno
-/// EINVAL and a line at error priority if the text is no such address or
-/// the host can't be resolved.
+/// EINVAL, and no log line, if the text is no such address or the host
+/// can't be resolved.
 JSON_RPC_TCP_EXPORT int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr);
 
 #endif

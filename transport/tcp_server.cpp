@@ -3,6 +3,8 @@
 
 #include "json_rpc/json_rpc_scope.h"
 
+#include <ace/Log_Msg.h>
+
 #include <cerrno>
 
 TCP_Server::TCP_Server() : running_(false) {}
@@ -13,7 +15,10 @@ int TCP_Server::start(const std::string& address, const TCP_Options& options)
 {
   ACE_INET_Addr addr;
   if (parse_tcp_address(address, addr) == -1)
+  {
+    ACE_ERROR((LM_ERROR, "TCP: bad address '%C', expected HOST:PORT.\n", address.c_str()));
     return -1;
+  }
   return start(addr, options);
 }
 
