@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 using json_spirit::Value;
@@ -79,18 +80,24 @@ namespace
 
   TEST_F(Server, StopClosesOpenConnectionsWithACallInFlight)
   {
-    // A call on the pool that is still running at the stop.
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool started = false, release = false, ended = false;
+    // A call on the pool that is still running at the stop. What it waits
+    // on is shared with it: the worker wakes from the wait, and takes the
+    // lock again, when this body may have returned.
+    struct Gate
+    {
+      std::mutex mutex;
+      std::condition_variable changed;
+      bool started = false, release = false, ended = false;
+    };
+    auto gate = std::make_shared<Gate>();
     ASSERT_TRUE(scope.ok());
     add_json_rpc_method(
       "hold",
-      [&](Value) {
-        std::unique_lock<std::mutex> lock(mutex);
-        started = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return release; });
+      [gate](Value) {
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->started = true;
+        gate->changed.notify_all();
+        gate->changed.wait(lock, [&] { return gate->release; });
         return Value(true);
       },
       JSON_RPC_Function_Handler::THREAD_POOL);
@@ -105,13 +112,13 @@ namespace
       // A limit far beyond the test's waits: the connection's end fails
       // the call at once.
       answer = call(calling, "hold", Value(), 300);
-      std::lock_guard<std::mutex> guard(mutex);
-      ended = true;
-      changed.notify_all();
+      std::lock_guard<std::mutex> guard(gate->mutex);
+      gate->ended = true;
+      gate->changed.notify_all();
     });
     {
-      std::unique_lock<std::mutex> lock(mutex);
-      ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return started; }));
+      std::unique_lock<std::mutex> lock(gate->mutex);
+      ASSERT_TRUE(gate->changed.wait_for(lock, std::chrono::seconds(20), [&] { return gate->started; }));
     }
 
     server.stop();
@@ -119,10 +126,10 @@ namespace
     EXPECT_TRUE(eventually([&] { return !idle.connected() && !calling.connected(); }));
     // The caller is left with no answer, not with a hang.
     {
-      std::unique_lock<std::mutex> lock(mutex);
-      EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(30), [&] { return ended; }));
-      release = true;
-      changed.notify_all();
+      std::unique_lock<std::mutex> lock(gate->mutex);
+      EXPECT_TRUE(gate->changed.wait_for(lock, std::chrono::seconds(30), [&] { return gate->ended; }));
+      gate->release = true;
+      gate->changed.notify_all();
     }
     caller.join();
     EXPECT_EQ("no answer, errno " + std::to_string(ECONNRESET), answer);
