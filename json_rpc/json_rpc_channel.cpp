@@ -1,5 +1,6 @@
 #include "json_rpc/json_rpc_channel.h"
 
+#include <ace/Log_Msg.h>
 #include <ace/Guard_T.h>
 #include <algorithm>
 #include <cerrno>
@@ -109,4 +110,23 @@ void JSON_RPC_Wait_List::end(int error)
   // Each wait stays valid while it is entered, and leave() takes the lock.
   for (JSON_RPC_Response_Wait* wait : waits_)
     wait->fail(error);
+}
+
+bool pass_back_response(JSON_RPC_Channel& forwarder, const JSON_RPC_Object_Ptr& object)
+{
+  if (!object.get() || !is_response(*object) || !is_forward_id(object->id))
+    return false;
+  JSON_RPC_Channel_Weak_Ptr requester;
+  json_spirit::Value id;
+  if (forwarder.get_forward_entry(object->id.get_int(), requester, id) == -1)
+    return false;
+  JSON_RPC_Channel_Strong_Ptr to(requester);
+  if (to.null())
+  {
+    ACE_ERROR((LM_ERROR, "Abort forwarding JSON-RPC response, requester is gone.\n"));
+    return true;
+  }
+  object->id = id;
+  to->send_object(object);
+  return true;
 }

@@ -68,6 +68,17 @@ private:
 class JSON_RPC_EXPORT JSON_RPC_Channel
 {
 public:
+  /// What io_state() reports after a failed send_end.
+  enum IO_State
+  {
+    IO_STATE_OK = 0,
+    /// send_end without send_begin.
+    IO_STATE_NO_MESSAGE = 1,
+    /// The connection is gone or closing: the transport's own affair, which
+    /// it logs if it needs a line; nothing for the caller to report.
+    IO_STATE_CLOSED = 7
+  };
+
   JSON_RPC_Channel();
   virtual ~JSON_RPC_Channel();
   JSON_RPC_Channel(const JSON_RPC_Channel&) = delete;
@@ -124,5 +135,13 @@ private:
 /// Sends object if the channel still lives; the result is not reported, as
 /// registers that publish to many channels ignore it.
 JSON_RPC_EXPORT void send_if_alive(const JSON_RPC_Channel_Weak_Ptr& channel, const JSON_RPC_Object_Ptr& object);
+
+/// A response to a forwarded request that a reader assembled instead of
+/// streaming it (an error, or a result ahead of its id) goes to its
+/// requester under the requester's id, found (and removed) with
+/// forwarder's get_forward_entry. False if object answers no forward of
+/// forwarder: it is then an ordinary response. The object is changed: the
+/// reader must be done with it, and nobody else have it.
+JSON_RPC_EXPORT bool pass_back_response(JSON_RPC_Channel& forwarder, const JSON_RPC_Object_Ptr& object);
 
 #endif

@@ -72,6 +72,19 @@ typedef ACE_Weak_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> JSON_RPC_Channel_
 /// Text of a standard error code; null for a code outside the table.
 JSON_RPC_EXPORT char const* json_rpc_error_message(int code);
 
+/// A response, with a result or an error: what answers a request.
+inline bool is_response(const JSON_RPC_Object& object)
+{
+  return object.type == JSON_RPC_Object::TYPE_RESPONSE || object.type == JSON_RPC_Object::TYPE_RESPONSE_ERROR;
+}
+
+/// An id that can be a forward id. Forward ids are 32-bit: a wider integer
+/// would be cut down to another request's id.
+inline bool is_forward_id(const json_spirit::Value& id)
+{
+  return id.type() == json_spirit::int_type && !id.is_uint64();
+}
+
 /// Printable form of a message id, for log lines.
 class JSON_RPC_EXPORT JSON_RPC_Id
 {

@@ -93,10 +93,6 @@ void JSON_RPC_Reader::request_channel(JSON_RPC_Channel_Strong_Ptr channel) { req
 
 namespace
 {
-  // Forward ids are 32-bit: a wider integer would be cut down to another
-  // request's id by get_int().
-  bool is_forward_id(const Value& id) { return id.type() == json_spirit::int_type && !id.is_uint64(); }
-
   template <class T>
   T* allocate()
   {
@@ -453,7 +449,7 @@ bool JSON_RPC_Reader::forward_response_cached_attributes(unsigned int seen, char
 
 bool JSON_RPC_Reader::finish_forward()
 {
-  bool ok = request_channel_->send_end() != -1 || request_channel_->io_state() == 7;
+  bool ok = request_channel_->send_end() != -1 || request_channel_->io_state() == JSON_RPC_Channel::IO_STATE_CLOSED;
   if (!ok)
     ACE_ERROR((LM_ERROR, "Failed to forward response: failed to send end to channel.\n"));
   release_lock();

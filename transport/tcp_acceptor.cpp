@@ -1,36 +1,31 @@
+// The listener: accepts connections on one address and starts a channel on each.
 #include "transport/tcp_acceptor.h"
 #include "transport/tcp_channel.h"
 
 #include "tessel/utils.h"
 
 #include <ace/Log_Msg.h>
-#include <ace/OS_NS_fcntl.h>
+#include <ace/SOCK_Acceptor.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <fcntl.h>
+#include <future>
 #include <mutex>
 #include <new>
-#include <poll.h>
-#include <stdint.h>
-#include <sys/eventfd.h>
-#include <system_error>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 // What the acceptor shares with the close hooks of its connections, which
 // may run after the acceptor has let them go.
-struct TCP_Acceptor::Shared
+struct TCP_Acceptor::Shared : std::enable_shared_from_this<TCP_Acceptor::Shared>
 {
-  explicit Shared(int fd) : wake_fd(fd), detached(false) {}
+  Shared() : detached(false), loop(nullptr), acceptor(nullptr) {}
 
-  void wake()
-  {
-    uint64_t one = 1;
-    if (::write(wake_fd, &one, sizeof one) < 0 && errno != EAGAIN)
-      ACE_ERROR((LM_ERROR, "TCP: failed to wake the acceptor, errno=%d, %m.\n", errno));
-  }
-
-  // On the read thread of a connection that has ended.
+  // On the I/O thread of a connection that has ended.
   void ended(TCP_Channel& channel)
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -40,19 +35,32 @@ struct TCP_Acceptor::Shared
                           [&](const JSON_RPC_Channel_Strong_Ptr& p) { return p.get() == &channel; });
     if (i == live.end())
       return;
-    finished.push_back(*i);
+    // Let go of on the loop: this may be the last owner, and the channel
+    // is still in use here.
+    JSON_RPC_Channel_Strong_Ptr gone = *i;
     live.erase(i);
-    wake();
+    std::shared_ptr<Shared> self = shared_from_this();
+    loop->post([gone, self]() {
+      // A descriptor is free again: accepting may go on. The acceptor
+      // leaves (on this thread) before it goes.
+      TCP_Acceptor* owner;
+      {
+        std::lock_guard<std::mutex> guard(self->mutex);
+        owner = self->acceptor;
+      }
+      if (owner && owner->paused_)
+        owner->handle_tick(std::chrono::steady_clock::now());
+    });
   }
 
-  std::mutex mutex;
-  int wake_fd;
+  mutable std::mutex mutex;
   bool detached;
+  TCP_Reactor::Loop* loop;
+  TCP_Acceptor* acceptor; // null once it stops accepting
   std::vector<JSON_RPC_Channel_Strong_Ptr> live;
-  std::vector<JSON_RPC_Channel_Strong_Ptr> finished;
 };
 
-TCP_Acceptor::TCP_Acceptor() : stop_(false), out_of_descriptors_(false) {}
+TCP_Acceptor::TCP_Acceptor() : listen_fd_(-1), loop_(nullptr), paused_(false), out_of_descriptors_(false) {}
 
 TCP_Acceptor::~TCP_Acceptor() { close(true); }
 
@@ -65,30 +73,38 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
   }
   // The kernel caps a larger backlog at net.core.somaxconn.
   int backlog = options.listen_backlog > 0 ? options.listen_backlog : INT_MAX;
-  if (listener_.open(addr, 1, addr.get_type(), backlog) == -1)
+  ACE_SOCK_Acceptor listener;
+  if (listener.open(addr, 1, addr.get_type(), backlog) == -1)
   {
     int error = errno;
     ACE_ERROR((LM_ERROR, "TCP: failed to listen on %C, errno=%d, %m.\n", ACE_Addr_String(addr).c_str(), error));
     errno = error;
     return -1;
   }
-  ACE_OS::fcntl(listener_.get_handle(), F_SETFD, FD_CLOEXEC);
-  listener_.enable(ACE_NONBLOCK);
-  listener_.get_local_addr(local_addr_);
-  int wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd == -1)
+  listener.get_local_addr(local_addr_);
+  listen_fd_ = listener.get_handle();
+  listener.set_handle(ACE_INVALID_HANDLE);
+  ::fcntl(listen_fd_, F_SETFD, FD_CLOEXEC);
+  ::fcntl(listen_fd_, F_SETFL, ::fcntl(listen_fd_, F_GETFL) | O_NONBLOCK);
+
+  reactor_ = options.reactor ? options.reactor : TCP_Reactor::make(options.io_threads);
+  if (!reactor_)
   {
     int error = errno;
-    ACE_ERROR((LM_ERROR, "TCP: failed to make an event descriptor, errno=%d, %m.\n", error));
-    listener_.close();
+    ::close(listen_fd_);
+    listen_fd_ = -1;
     errno = error;
     return -1;
   }
-  shared_.reset(new Shared(wake_fd));
+  loop_ = reactor_->next_loop();
+  shared_.reset(new Shared);
+  shared_->loop = loop_;
+  shared_->acceptor = this;
 
   // Each connection tells the acceptor when it has ended, after the hook
   // of the embedding process.
   options_ = options;
+  options_.reactor = reactor_;
   std::shared_ptr<Shared> shared = shared_;
   std::function<void(TCP_Channel&)> user_hook = options.on_close;
   options_.on_close = [shared, user_hook](TCP_Channel& channel) {
@@ -97,56 +113,104 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
     shared->ended(channel);
   };
 
-  stop_ = false;
-  ACE_Log_Msg* log = ACE_Log_Msg::instance();
-  try
+  std::promise<int> added;
+  loop_->post([this, &added]() {
+    int r = loop_->add(listen_fd_, EPOLLIN, this);
+    added.set_value(r == -1 ? errno : 0);
+  });
+  int error = added.get_future().get();
+  if (error)
   {
-    thread_ = std::thread(&TCP_Acceptor::run, this, log->priority_mask(ACE_Log_Msg::THREAD), log->msg_callback());
-  }
-  catch (const std::system_error& e)
-  {
-    ACE_ERROR((LM_ERROR, "TCP: failed to start the accept thread, errno=%d.\n", e.code().value()));
-    ::close(wake_fd);
+    ACE_ERROR((LM_ERROR, "TCP: failed to watch the listener, errno=%d.\n", error));
+    ::close(listen_fd_);
+    listen_fd_ = -1;
     shared_.reset();
-    listener_.close();
-    errno = e.code().value();
+    reactor_.reset();
+    errno = error;
     return -1;
   }
   return 0;
+}
+
+void TCP_Acceptor::stop_accepting()
+{
+  if (listen_fd_ == -1)
+    return;
+  auto remove = [this]() {
+    loop_->remove(listen_fd_, this);
+    std::lock_guard<std::mutex> guard(shared_->mutex);
+    shared_->acceptor = nullptr;
+  };
+  if (TCP_Reactor::current() == loop_)
+    remove();
+  else
+  {
+    std::promise<void> removed;
+    loop_->post([&]() {
+      remove();
+      removed.set_value();
+    });
+    removed.get_future().wait();
+  }
+  ::close(listen_fd_);
+  listen_fd_ = -1;
 }
 
 void TCP_Acceptor::close(bool close_connections)
 {
   if (!shared_)
     return;
-  stop_ = true;
-  shared_->wake();
-  if (thread_.joinable())
-    thread_.join();
-  listener_.close();
-
-  std::vector<JSON_RPC_Channel_Strong_Ptr> live, finished;
+  stop_accepting();
+  std::vector<JSON_RPC_Channel_Strong_Ptr> live;
   {
     std::lock_guard<std::mutex> guard(shared_->mutex);
     shared_->detached = true;
     live.swap(shared_->live);
-    finished.swap(shared_->finished);
-    ::close(shared_->wake_fd);
-    shared_->wake_fd = -1;
   }
-  for (const JSON_RPC_Channel_Strong_Ptr& channel : finished)
-    TCP_Channel::cast(channel)->close();
   if (close_connections)
     for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
       TCP_Channel::cast(channel)->close();
-  // Connections left open keep themselves alive through their read threads.
+  // Connections left open hold the reactor until they end.
+  live.clear();
   shared_.reset();
+  reactor_.reset();
+  options_ = TCP_Options();
 }
 
-size_t TCP_Acceptor::open_connections() const
+void TCP_Acceptor::drain(const ACE_Time_Value& limit)
 {
-  std::lock_guard<std::mutex> guard(shared_->mutex);
-  return shared_->live.size();
+  if (!shared_)
+    return;
+  stop_accepting();
+  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(limit.sec()) +
+               std::chrono::microseconds(limit.usec());
+  std::vector<JSON_RPC_Channel_Strong_Ptr> live = connections();
+  for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
+    TCP_Channel::cast(channel)->stop_reading();
+  // Polled: a drain happens once, and its limit is seconds.
+  auto all = [&](size_t (TCP_Channel::*count)() const) {
+    for (;;)
+    {
+      size_t left = 0;
+      for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
+        if (!TCP_Channel::cast(channel)->closed())
+          left += (TCP_Channel::cast(channel)->*count)();
+      if (left == 0 || std::chrono::steady_clock::now() >= until)
+        return left;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  };
+  size_t unanswered = all(&TCP_Channel::requests_in_flight);
+  if (unanswered)
+  {
+    ACE_ERROR((LM_WARNING, "TCP: %B request(s) not answered within the drain time; answering them with an error.\n",
+               static_cast<ACE_UINT64>(unanswered)));
+    for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
+      TCP_Channel::cast(channel)->answer_in_flight(-32001, "Server shutting down");
+  }
+  until = std::max(until, std::chrono::steady_clock::now() + std::chrono::seconds(1));
+  all(&TCP_Channel::queued_bytes);
+  close(true);
 }
 
 std::vector<JSON_RPC_Channel_Strong_Ptr> TCP_Acceptor::connections() const
@@ -161,54 +225,30 @@ std::vector<JSON_RPC_Channel_Strong_Ptr> TCP_Acceptor::connections() const
   return up;
 }
 
-void TCP_Acceptor::run(unsigned long log_mask, ACE_Log_Msg_Callback* log_callback)
+void TCP_Acceptor::handle_events(uint32_t) { accept_all(); }
+
+void TCP_Acceptor::handle_tick(std::chrono::steady_clock::time_point)
 {
-  ACE_Log_Msg* log = ACE_Log_Msg::instance();
-  log->msg_callback(log_callback);
-  log->priority_mask(log_mask, ACE_Log_Msg::THREAD);
-  bool paused = false;
-  while (!stop_)
+  // After a failed accept (out of descriptors, say) the listener rests
+  // until a tick or a connection's end instead of spinning.
+  if (paused_ && listen_fd_ != -1)
   {
-    struct pollfd fds[2] = {{shared_->wake_fd, POLLIN, 0}, {listener_.get_handle(), POLLIN, 0}};
-    // After a failed accept (out of descriptors, say) the listener rests
-    // for a moment instead of spinning.
-    int r = ::poll(fds, paused ? 1 : 2, paused ? 100 : -1);
-    if (r < 0)
-    {
-      if (errno != EINTR)
-      {
-        ACE_ERROR((LM_ERROR, "TCP: failed to wait for connections, errno=%d, %m.\n", errno));
-        paused = true;
-      }
-      continue;
-    }
-    if (r == 0)
-    {
-      paused = false;
-      continue;
-    }
-    if (fds[0].revents)
-    {
-      uint64_t count;
-      if (::read(shared_->wake_fd, &count, sizeof count) < 0 && errno != EAGAIN)
-        ACE_ERROR((LM_ERROR, "TCP: failed to read the event descriptor, errno=%d, %m.\n", errno));
-      reap();
-    }
-    if (!stop_ && !paused && (fds[1].revents & POLLIN))
-      paused = !accept_all();
+    paused_ = false;
+    loop_->modify(listen_fd_, EPOLLIN, this);
+    accept_all();
   }
-  log->msg_callback(nullptr);
 }
 
-bool TCP_Acceptor::accept_all()
+void TCP_Acceptor::accept_all()
 {
-  for (;;)
+  // A burst is taken in turns with the connections of this thread.
+  for (int i = 0; i < 256 && !paused_; ++i)
   {
-    ACE_SOCK_Stream stream;
-    if (listener_.accept(stream) == -1)
+    int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd == -1)
     {
       if (errno == EWOULDBLOCK || errno == EAGAIN)
-        return true;
+        return;
       if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO)
         continue;
       // Out of descriptors, accepting pauses until connections end: one
@@ -218,10 +258,18 @@ bool TCP_Acceptor::accept_all()
         ACE_ERROR((LM_ERROR, "TCP: failed to accept on %C, errno=%d, %m%C.\n", ACE_Addr_String(local_addr_).c_str(),
                    errno, descriptors ? "; accepting pauses until connections end" : ""));
       out_of_descriptors_ = descriptors;
-      return false;
+      paused_ = true;
+      loop_->modify(listen_fd_, 0, this);
+      return;
     }
     out_of_descriptors_ = false;
-    if (options_.max_connections && open_connections() >= options_.max_connections)
+    ACE_SOCK_Stream stream(fd);
+    size_t open;
+    {
+      std::lock_guard<std::mutex> guard(shared_->mutex);
+      open = shared_->live.size();
+    }
+    if (options_.max_connections && open >= options_.max_connections)
     {
       ACE_INET_Addr peer;
       stream.get_remote_addr(peer);
@@ -243,21 +291,10 @@ bool TCP_Acceptor::accept_all()
       std::lock_guard<std::mutex> guard(shared_->mutex);
       shared_->live.push_back(channel);
     }
-    if (TCP_Channel::start(channel) == -1)
+    if (TCP_Channel::start(channel, reactor_) == -1)
     {
       std::lock_guard<std::mutex> guard(shared_->mutex);
       shared_->live.erase(std::remove(shared_->live.begin(), shared_->live.end(), channel), shared_->live.end());
     }
   }
-}
-
-void TCP_Acceptor::reap()
-{
-  std::vector<JSON_RPC_Channel_Strong_Ptr> finished;
-  {
-    std::lock_guard<std::mutex> guard(shared_->mutex);
-    finished.swap(shared_->finished);
-  }
-  for (const JSON_RPC_Channel_Strong_Ptr& channel : finished)
-    TCP_Channel::cast(channel)->close();
 }

@@ -1,31 +1,28 @@
+// The listener: accepts connections on one address and starts a channel on each.
 #ifndef TRANSPORT_TCP_ACCEPTOR_H
 #define TRANSPORT_TCP_ACCEPTOR_H
 
 #include "transport/tcp_export.h"
 #include "transport/tcp_options.h"
+#include "transport/tcp_reactor.h"
 #include "json_rpc/json_rpc_object.h"
 
 #include <ace/INET_Addr.h>
-#include <ace/SOCK_Acceptor.h>
+#include <ace/Time_Value.h>
 
-#include <atomic>
 #include <memory>
-#include <thread>
 #include <vector>
 
-class ACE_Log_Msg_Callback;
-
 /// Listens on one address and makes a started TCP_Channel of every
-/// connection, with the listener's options. It owns its connections: a
-/// thread of its own accepts and also joins the read threads of connections
-/// that have ended. Its log settings are those of the thread that calls
-/// open().
-class JSON_RPC_TCP_EXPORT TCP_Acceptor
+/// connection, with the listener's options. Accepting runs on an I/O
+/// thread of the reactor that serves the connections (options.reactor, or
+/// one of its own). It owns its connections.
+class JSON_RPC_TCP_EXPORT TCP_Acceptor : private TCP_Reactor_Handler
 {
 public:
   TCP_Acceptor();
   /// close(true).
-  ~TCP_Acceptor();
+  ~TCP_Acceptor() override;
   TCP_Acceptor(const TCP_Acceptor&) = delete;
   TCP_Acceptor& operator=(const TCP_Acceptor&) = delete;
 
@@ -37,9 +34,16 @@ public:
   unsigned short port() const { return local_addr_.get_port_number(); }
 
   /// Stops accepting. With close_connections every connection is closed too,
-  /// and their read threads have ended when it returns. Without, they go on,
-  /// each until its peer leaves or it is closed, and free themselves then.
+  /// and has been deregistered when it returns. Without, they go on, each
+  /// until its peer leaves or it is closed.
   void close(bool close_connections = true);
+
+  /// A graceful stop: stops accepting and reading, gives the requests in
+  /// flight up to limit to be answered, answers those left with -32001
+  /// "Server shutting down", lets the peers take what is queued for them
+  /// (within the limit, or a second after it), and closes every
+  /// connection.
+  void drain(const ACE_Time_Value& limit);
 
   /// The connections that are up.
   std::vector<JSON_RPC_Channel_Strong_Ptr> connections() const;
@@ -47,18 +51,21 @@ public:
 private:
   struct Shared;
 
-  void run(unsigned long log_mask, ACE_Log_Msg_Callback* log_callback);
-  bool accept_all();
-  void reap();
-  size_t open_connections() const;
+  void handle_events(uint32_t events) override;
+  void handle_tick(std::chrono::steady_clock::time_point now) override;
+  void accept_all();
+  /// Stops watching the listener, on its loop's thread.
+  void stop_accepting();
 
   std::shared_ptr<Shared> shared_;
-  ACE_SOCK_Acceptor listener_;
+  int listen_fd_;
   ACE_INET_Addr local_addr_;
   TCP_Options options_;
-  std::atomic<bool> stop_;
-  bool out_of_descriptors_; // on the accept thread
-  std::thread thread_;
+  std::shared_ptr<TCP_Reactor> reactor_;
+  TCP_Reactor::Loop* loop_;
+  // On the loop's thread:
+  bool paused_;             // out of descriptors, or at the cap
+  bool out_of_descriptors_; // one log line per spell
 };
 
 #endif

@@ -1,40 +1,35 @@
+// A JSON-RPC channel over one TCP connection, served by a reactor's I/O thread.
 #include "transport/tcp_channel.h"
 #include "transport/tcp_framing.h"
 
-#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_answering.h"
+#include "json_rpc/json_rpc_channel_map.h"
 #include "json_rpc/json_rpc_notify_manager.h"
 #include "json_spirit/json_spirit_writer.h"
-#include "tessel/spin_wait.h"
 #include "tessel/utils.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
-#include <ace/OS_NS_fcntl.h>
 #include <ace/OS_NS_sys_time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <condition_variable>
-#include <cstring>
 #include <climits>
-#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <new>
 #include <poll.h>
-#include <pthread.h>
-#include <linux/futex.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
-#include <system_error>
 
 namespace
 {
-  const size_t read_chunk = 64 * 1024;
+  typedef std::chrono::steady_clock Clock;
+
   const size_t write_chunk = 64 * 1024;
   // A buffer that grew for a large message is given back after it.
   const size_t keep_capacity = 1024 * 1024;
@@ -44,54 +39,20 @@ namespace
   const std::chrono::milliseconds linger_limit(2000);
   const size_t linger_bytes = 1024 * 1024;
 
-  std::chrono::steady_clock::duration to_duration(const ACE_Time_Value& t)
+  Clock::duration to_duration(const ACE_Time_Value& t)
   {
     return std::chrono::seconds(t.sec()) + std::chrono::microseconds(t.usec());
   }
 
-  // How long the read thread stands aside for callers at most.
-  const long park_limit_ns = 1000 * 1000;
-
-  long long now_ns()
-  {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-  }
-
-  // The channel that a thread reads, while it reads one: the handlers it
-  // runs meanwhile must not start reading another one.
-  thread_local const TCP_Channel* reading = nullptr;
-
-  struct Reading_Mark
-  {
-    explicit Reading_Mark(const TCP_Channel* channel) : before_(reading) { reading = channel; }
-    ~Reading_Mark() { reading = before_; }
-    const TCP_Channel* before_;
-  };
-
-  long futex(std::atomic<int>* word, int op, int value, const struct timespec* limit)
-  {
-    return ::syscall(SYS_futex, word, op, value, limit, nullptr, 0);
-  }
-
-  bool is_response(const JSON_RPC_Object& object)
-  {
-    return object.type == JSON_RPC_Object::TYPE_RESPONSE || object.type == JSON_RPC_Object::TYPE_RESPONSE_ERROR;
-  }
+  // The connection whose input this thread feeds to its reader right now,
+  // and whether a forwarded response it streams has filled its requester's
+  // queue meanwhile.
+  thread_local TCP_Channel* feeding = nullptr;
+  thread_local bool pressed = false;
 
   void nothing_to_dispatch(const std::string& peer)
   {
     ACE_DEBUG((LM_WARNING, "TCP %C: message with nothing to dispatch ignored.\n", peer.c_str()));
-  }
-
-  // Milliseconds left until deadline, rounded up; 0 when it has passed.
-  int ms_until(std::chrono::steady_clock::time_point deadline)
-  {
-    auto left = deadline - std::chrono::steady_clock::now();
-    if (left <= left.zero())
-      return 0;
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(left + std::chrono::microseconds(999)).count();
-    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
   }
 
   // The request written again under another id, straight from the object.
@@ -121,85 +82,12 @@ namespace
   };
 }
 
-// One thread looks after all read threads that stand aside, and calls a
-// read thread back when nobody has read its channel for park_limit. Each
-// waking itself on a timer instead costs a context switch per connection
-// every park_limit, which adds up with many busy connections.
-class Aside_Watch
-{
-public:
-  static Aside_Watch& instance()
-  {
-    // Never destroyed: read threads may still stand aside while the
-    // process exits.
-    static Aside_Watch* watch = new Aside_Watch;
-    return *watch;
-  }
-
-  /// False when no watching thread could be started: the read thread
-  /// then wakes on its own timer.
-  bool enter(TCP_Channel* channel)
-  {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (!started_)
-    {
-      try
-      {
-        std::thread(&Aside_Watch::run, this).detach();
-      }
-      catch (const std::system_error&)
-      {
-        return false;
-      }
-      started_ = true;
-    }
-    aside_.push_back(channel);
-    if (aside_.size() == 1)
-      wake_.notify_one();
-    return true;
-  }
-
-  void leave(TCP_Channel* channel)
-  {
-    std::lock_guard<std::mutex> guard(lock_);
-    aside_.erase(std::find(aside_.begin(), aside_.end(), channel));
-  }
-
-private:
-  Aside_Watch() : started_(false) {}
-
-  void run()
-  {
-    pthread_setname_np(pthread_self(), "tcp-aside");
-    std::unique_lock<std::mutex> lock(lock_);
-    for (;;)
-    {
-      if (aside_.empty())
-      {
-        wake_.wait(lock);
-        continue;
-      }
-      wake_.wait_for(lock, std::chrono::nanoseconds(park_limit_ns));
-      long long now = now_ns();
-      for (TCP_Channel* channel : aside_)
-        channel->look_aside(now);
-    }
-  }
-
-  std::mutex lock_;
-  std::condition_variable wake_;
-  std::vector<TCP_Channel*> aside_;
-  bool started_;
-};
-
 // ---------------------------------------------------------------- output
-
-TCP_Channel::Output::Output(TCP_Channel& channel) : channel_(channel), sent_(0), error_(0), discard_(false) {}
 
 void TCP_Channel::Output::begin(bool discard)
 {
   buffer_.clear();
-  sent_ = 0;
+  sent_ = false;
   error_ = 0;
   discard_ = discard;
 }
@@ -208,33 +96,16 @@ void TCP_Channel::Output::print(char const* data, unsigned long long length)
 {
   if (discard_ || error_)
     return;
-  if (channel_.options_.framing == TCP_Options::FRAMING_NDJSON && buffer_.size() + length > write_chunk)
-  {
-    if (!flush())
-      return;
-    if (length >= write_chunk)
-    {
-      write(data, static_cast<size_t>(length));
-      return;
-    }
-  }
   buffer_.append(data, static_cast<size_t>(length));
+  if (channel_.options_.framing == TCP_Options::FRAMING_NDJSON && buffer_.size() >= write_chunk)
+    flush();
 }
 
-int TCP_Channel::Output::write(char const* data, size_t length)
+void TCP_Channel::Output::flush()
 {
-  struct iovec iov = {const_cast<char*>(data), length};
-  error_ = channel_.write_all(&iov, 1);
-  if (!error_)
-    sent_ += length;
-  return error_;
-}
-
-bool TCP_Channel::Output::flush()
-{
-  if (!buffer_.empty() && !write(buffer_.data(), buffer_.size()))
-    buffer_.clear();
-  return !error_;
+  error_ = channel_.queue_bytes(nullptr, 0, buffer_);
+  sent_ = true;
+  buffer_.clear();
 }
 
 int TCP_Channel::Output::end()
@@ -253,11 +124,8 @@ int TCP_Channel::Output::end()
       char head[48] = "Content-Length: ";
       char* end = std::to_chars(head + 16, head + sizeof head - 4, buffer_.size()).ptr;
       std::memcpy(end, "\r\n\r\n", 4);
-      size_t n = static_cast<size_t>(end + 4 - head);
-      struct iovec iov[2] = {{head, n}, {&buffer_[0], buffer_.size()}};
-      error_ = channel_.write_all(iov, 2);
-      if (!error_)
-        sent_ += n + buffer_.size();
+      error_ = channel_.queue_bytes(head, static_cast<size_t>(end + 4 - head), buffer_);
+      sent_ = true;
     }
   }
   drop();
@@ -274,38 +142,27 @@ void TCP_Channel::Output::drop()
 // ---------------------------------------------------------------- life
 
 TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
-  : options_(options), closing_(false), closed_here_(false), registered_(false), io_adapter_(io_lock_),
-    output_failed_(false), streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map),
-    token_(true), call_(0), lent_at_(0), frames_(nullptr), lent_end_(LENT_READING), lent_n_(0), lent_errno_(0)
+  : options_(options), fd_(stream.get_handle()), closing_(false), closed_here_(false), registered_(false),
+    loop_(nullptr), input_end_(INPUT_OPEN), framing_failed_(false), dispatching_(0), reading_on_(false), finished_(false), lingered_(0),
+    over_since_(), interest_(0), watched_(false), paused_in_flight_(false), paused_forward_(false),
+    stopped_reading_(false), shut_when_sent_(false), ended_(false), io_adapter_(io_lock_), output_failed_(false),
+    streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map)
 {
-  stream_.set_handle(stream.get_handle());
+  stream.get_remote_addr(remote_addr_);
+  stream.get_local_addr(local_addr_);
   stream.set_handle(ACE_INVALID_HANDLE);
-  stream_.get_remote_addr(remote_addr_);
-  stream_.get_local_addr(local_addr_);
   peer_ = ACE_Addr_String(remote_addr_).c_str();
-  // Reads block (with SO_RCVTIMEO for the read limit); writes never do
-  // (MSG_DONTWAIT) and wait in poll for the send limit.
-  stream_.disable(ACE_NONBLOCK);
-  ACE_OS::fcntl(stream_.get_handle(), F_SETFD, FD_CLOEXEC);
+  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+  ::fcntl(fd_, F_SETFD, FD_CLOEXEC);
   // Messages go out whole; waiting for more to fill a segment only delays.
   int one = 1;
-  stream_.set_option(IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
 TCP_Channel::~TCP_Channel()
 {
-  {
-    std::lock_guard<std::mutex> guard(thread_mutex_);
-    if (thread_.joinable())
-    {
-      // The read thread let go of its pointer last; it returns right after.
-      if (thread_.get_id() == std::this_thread::get_id())
-        thread_.detach();
-      else
-        thread_.join();
-    }
-  }
-  stream_.close();
+  if (fd_ != -1)
+    ::close(fd_);
   // Only a channel that never started can still have forwards pending.
   if (forward_map_)
     forward_map_->clear();
@@ -316,19 +173,19 @@ TCP_Channel* TCP_Channel::cast(const JSON_RPC_Channel_Strong_Ptr& channel)
   return dynamic_cast<TCP_Channel*>(channel.get());
 }
 
-int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self)
+int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor)
 {
   TCP_Channel* channel = cast(self);
-  if (!channel)
+  if (!channel || !reactor)
   {
-    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, channel is not a TCP channel:\n%?\n"));
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, no TCP channel or no reactor:\n%?\n"));
     errno = EINVAL;
     return -1;
   }
-  return channel->start_i(self);
+  return channel->start_i(self, reactor);
 }
 
-int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self)
+int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor)
 {
   self_ = JSON_RPC_Channel_Weak_Ptr(self);
   id(peer_);
@@ -336,8 +193,15 @@ int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self)
   {
     ACE_DEBUG((LM_INFO, "TCP %C: connection refused.\n", peer_.c_str()));
     closing_ = true;
-    shutdown(SHUT_RDWR);
+    ::shutdown(fd_, SHUT_RDWR);
     errno = ECONNREFUSED;
+    return -1;
+  }
+  frames_.reset(new (std::nothrow) TCP_Frame_Reader(options_, self_));
+  if (!frames_)
+  {
+    closing_ = true;
+    errno = ENOMEM;
     return -1;
   }
   if (options_.register_channel)
@@ -349,27 +213,27 @@ int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self)
   }
   if (options_.use_pool)
     JSON_RPC_Channel_Pool::instance()->insert(self_);
-
-  ACE_Log_Msg* log = ACE_Log_Msg::instance();
-  // Handed over as a pointer, so that run() can drop the reference itself.
-  std::unique_ptr<JSON_RPC_Channel_Strong_Ptr> keep(new JSON_RPC_Channel_Strong_Ptr(self));
-  std::lock_guard<std::mutex> guard(start_mutex_);
-  try
-  {
-    thread_ = std::thread(&TCP_Channel::run, this, keep.get(), log->msg_callback(),
-                          log->priority_mask(ACE_Log_Msg::THREAD));
-    keep.release();
-  }
-  catch (const std::system_error& e)
-  {
-    errno = e.code().value();
-    ACE_ERROR((LM_ERROR, "TCP %C: failed to start the read thread, errno=%d, %m.\n", peer_.c_str(), errno));
-    closing_ = true;
-    shutdown(SHUT_RDWR);
-    deregister(self);
-    errno = e.code().value();
-    return -1;
-  }
+  reactor_ = reactor;
+  loop_ = reactor->next_loop();
+  keep_ = self;
+  loop_->post([this]() {
+    int error = 0;
+    {
+      std::lock_guard<std::mutex> guard(state_lock_);
+      interest_ = EPOLLIN | (queue_.empty() ? 0u : static_cast<uint32_t>(EPOLLOUT));
+      if (fd_ == -1 || loop_->add(fd_, interest_, this) == -1)
+        error = fd_ == -1 ? EBADF : errno;
+      else
+        watched_ = true;
+    }
+    if (error)
+    {
+      errno = error;
+      ACE_ERROR((LM_ERROR, "TCP %C: failed to watch the connection, errno=%d, %m.\n", peer_.c_str(), error));
+      input_end_ = INPUT_CLOSED;
+    }
+    settle();
+  });
   return 0;
 }
 
@@ -377,63 +241,76 @@ void TCP_Channel::close()
 {
   closed_here_ = true;
   closing_ = true;
-  shutdown(SHUT_RDWR);
-  call_reader();
   {
-    // thread_ is set once start() has let go of this.
-    std::lock_guard<std::mutex> started(start_mutex_);
+    std::lock_guard<std::mutex> guard(state_lock_);
+    if (fd_ != -1)
+      ::shutdown(fd_, SHUT_RDWR);
   }
-  std::lock_guard<std::mutex> guard(thread_mutex_);
-  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id())
-    thread_.join();
+  if (!loop_)
+    return;
+  JSON_RPC_Channel_Strong_Ptr self(self_);
+  if (!self.null())
+    loop_->post([self, this]() { settle(); });
+  if (TCP_Reactor::current() == loop_)
+    return;
+  std::unique_lock<std::mutex> lock(state_lock_);
+  ended_changed_.wait(lock, [this]() { return ended_; });
 }
 
-void TCP_Channel::shutdown(int how)
+void TCP_Channel::settle()
 {
-  std::lock_guard<std::mutex> guard(handle_lock_);
-  if (stream_.get_handle() != ACE_INVALID_HANDLE)
-    ::shutdown(stream_.get_handle(), how);
-}
-
-void TCP_Channel::run(JSON_RPC_Channel_Strong_Ptr* keep, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask)
-{
+  if (finished_ || dispatching_ > 0)
+    return;
+  if (!closing_ && input_end_ != INPUT_CLOSED)
+    return;
+  finished_ = true;
+  closing_ = true;
+  // Nothing answers the calls that still wait: they fail now.
+  waits_.end(end_errno());
+  // A forward in progress holds another channel's lock: it goes first.
+  frames_->close();
   {
-    std::lock_guard<std::mutex> started(start_mutex_);
+    std::lock_guard<std::mutex> guard(state_lock_);
+    // What the peer can still take goes out; the rest is lost with it.
+    if (!queue_.empty())
+      queue_.drain(fd_);
+    if (watched_)
+      loop_->remove(fd_, this);
+    watched_ = false;
+    ::shutdown(fd_, SHUT_RDWR);
   }
-  std::unique_ptr<JSON_RPC_Channel_Strong_Ptr> self(keep);
-  ACE_Log_Msg* log = ACE_Log_Msg::instance();
-  log->msg_callback(log_callback);
-  log->priority_mask(log_mask, ACE_Log_Msg::THREAD);
-  {
-    TCP_Frame_Reader frames(options_, self_);
-    read_loop(frames);
-    closing_ = true;
-    // Nothing answers the calls that still wait: they fail now.
-    waits_.end(end_errno());
-    // A forward in progress holds another channel's lock: it goes first.
-    frames.close();
-  }
-  shutdown(SHUT_RDWR);
-  deregister(*self);
+  deregister();
   if (options_.on_close)
     options_.on_close(*this);
+  std::vector<JSON_RPC_Channel_Weak_Ptr> forwarders;
   {
-    // Writers check the handle under io_lock_, so none can use it once closed.
-    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    // Writers check for the handle under io_lock_, so none can use it once closed.
+    ACE_Guard<ACE_Thread_Mutex> io_guard(io_lock_);
     settle_stream();
-    std::lock_guard<std::mutex> handle_guard(handle_lock_);
-    stream_.close();
+    std::lock_guard<std::mutex> guard(state_lock_);
+    ::close(fd_);
+    fd_ = -1;
+    queue_.clear();
+    in_flight_.clear();
+    forwarders.swap(forwarders_);
+    ended_ = true;
   }
+  ended_changed_.notify_all();
+  wake(forwarders);
+  frames_.reset();
+  pending_.clear();
+  std::string().swap(rest_);
   ACE_DEBUG((LM_DEBUG, "TCP %C: connection closed.\n", peer_.c_str()));
-  log->msg_callback(nullptr);
-  // May be the last owner: nothing of this object is touched afterwards.
-  self.reset();
+  // The last owner may be this; it goes once the loop is done with it.
+  JSON_RPC_Channel_Strong_Ptr last = keep_;
+  keep_ = JSON_RPC_Channel_Strong_Ptr();
+  loop_->post([last]() {});
 }
 
-void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
+void TCP_Channel::deregister()
 {
   if (registered_)
-    JSON_RPC_Channel_Map::instance()->remove(self);
+    JSON_RPC_Channel_Map::instance()->remove(keep_);
   JSON_RPC_Notify_Manager::instance()->unsubscribe(self_);
   if (options_.use_pool)
     JSON_RPC_Channel_Pool::instance()->remove(self_);
@@ -447,437 +324,424 @@ void TCP_Channel::deregister(JSON_RPC_Channel_Strong_Ptr& self)
     forwards->clear();
 }
 
-// ---------------------------------------------------------------- reading
+// ---------------------------------------------------------------- events
 
-void TCP_Channel::read_loop(TCP_Frame_Reader& frames)
+void TCP_Channel::handle_events(uint32_t events)
 {
-  bool answered = false;
-  // What a piece brings is dispatched once the piece is read, in order: a
-  // handler that calls back over this channel then finds the reader free
-  // to read on for it (wait_response).
-  TCP_Frame_Reader::Handler deliver = [this, &answered](JSON_RPC_Reader& reader) {
-    JSON_RPC_Object_Ptr object = reader.object();
-    if (object.get())
-    {
-      answered = answered || is_response(*object);
-      // Passed back at once: the next message may start a forward that
-      // holds the same requester's lock.
-      if (!options_.forward_responses || !pass_back(object))
-        handed_.push_back(object);
-    }
-    else if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
-      nothing_to_dispatch(peer_);
-    return !closing_;
-  };
-  read_buffer_.reset(new char[read_chunk]);
-  frames_ = &frames;
-  Reading_Mark mark(this);
-  const bool lending = !options_.forward_responses;
-  const Clock::duration limit = to_duration(options_.read_limit);
-  // Reads block in recv itself, one call per piece; the read limit rides
-  // on SO_RCVTIMEO while a message is incomplete (0: no limit in force).
-  int timeout_ms = 0;
-  // Every way out of the loop keeps the token: no caller reads any more.
-  bool held = true;
-  bool watched = false;
-  for (;;)
-  {
-    if (!held)
-    {
-      // While callers come back to read for themselves, it stays aside.
-      if (!watched)
-        watched = Aside_Watch::instance().enter(this);
-      if (!stand_aside(!watched) && now_ns() - lent_at_.load() < park_limit_ns)
-        continue;
-      if (token_.exchange(true))
-        continue;
-      held = true;
-      if (watched)
-        Aside_Watch::instance().leave(this);
-      watched = false;
-    }
-    // What a caller read and left here, in the order it came.
-    if (!dispatch_handed())
-      return;
-    ssize_t n;
-    int error;
-    if (lent_end_ == LENT_FAILED)
-    {
-      protocol_error(frames);
-      return;
-    }
-    if (lent_end_ == LENT_STOPPED)
-      return;
-    if (lent_end_ == LENT_RECV)
-    {
-      n = lent_n_;
-      error = lent_errno_;
-      lent_end_ = LENT_READING;
-    }
-    else
-    {
-      int wait = 0;
-      if (frames.in_message())
-      {
-        wait = ms_until(frames.started() + limit);
-        if (wait == 0)
-        {
-          ACE_ERROR((LM_ERROR, "TCP %C: message not complete within %d ms; closing the connection.\n", peer_.c_str(),
-                     static_cast<int>(options_.read_limit.msec())));
-          return;
-        }
-      }
-      if (wait != timeout_ms)
-      {
-        struct timeval tv = {wait / 1000, (wait % 1000) * 1000};
-        if (::setsockopt(stream_.get_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == -1)
-        {
-          ACE_ERROR((LM_ERROR, "TCP %C: failed to set the read limit, errno=%d, %m; closing the connection.\n",
-                     peer_.c_str(), errno));
-          return;
-        }
-        timeout_ms = wait;
-      }
-      n = ::recv(stream_.get_handle(), read_buffer_.get(), read_chunk, 0);
-      error = errno;
-    }
-    if (n < 0 && (error == EINTR || error == EAGAIN || error == EWOULDBLOCK))
-      continue;
-    if (read_ended(n, error, frames))
-      return;
-    answered = false;
-    int f = frames.feed(read_buffer_.get(), static_cast<size_t>(n), deliver);
-    if (!dispatch_handed())
-      return;
-    if (f == -1)
-    {
-      protocol_error(frames);
-      return;
-    }
-    if (f == 1 || closing_)
-      return;
-    // A caller that was just answered may soon wait again: it reads for
-    // itself then, unless others wait already.
-    if (answered && lending)
-    {
-      lent_at_.store(now_ns());
-      token_.store(false);
-      held = followers_waiting() && !token_.exchange(true);
-    }
-  }
+  if (finished_)
+    return;
+  if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))
+    drain_output();
+  if (events & (EPOLLIN | EPOLLERR | EPOLLHUP))
+    read_input();
+  settle();
 }
 
-bool TCP_Channel::dispatch_handed()
+void TCP_Channel::handle_tick(Clock::time_point now)
 {
-  // Handlers may add to handed_ while they run (wait_response), so the
-  // objects are taken out first; swapping keeps both vectors' room.
-  while (!handed_.empty() && !closing_)
+  if (finished_)
+    return;
+  if (input_end_ == INPUT_BROKEN)
   {
-    dispatching_.swap(handed_);
-    for (const JSON_RPC_Object_Ptr& object : dispatching_)
+    if (now >= linger_until_)
+      input_end_ = INPUT_CLOSED;
+  }
+  else if (input_end_ == INPUT_OPEN && frames_->in_message() && now - frames_->started() >= to_duration(options_.read_limit))
+  {
+    ACE_ERROR((LM_ERROR, "TCP %C: message not complete within %d ms; closing the connection.\n", peer_.c_str(),
+               static_cast<int>(options_.read_limit.msec())));
+    input_end_ = INPUT_CLOSED;
+  }
+  size_t stuck = 0;
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    if (over_since_ != Clock::time_point() && now - over_since_ >= to_duration(options_.send_limit))
+      stuck = queue_.bytes();
+  }
+  if (stuck && !closing_)
+  {
+    ACE_ERROR((LM_ERROR, "TCP %C: the peer left %B bytes unread for more than %d ms; closing the connection.\n",
+               peer_.c_str(), static_cast<ACE_UINT64>(stuck), static_cast<int>(options_.send_limit.msec())));
+    closing_ = true;
+  }
+  settle();
+}
+
+void TCP_Channel::read_input()
+{
+  if (!rest_.empty())
+  {
+    feed_rest();
+    after_input();
+    if (!rest_.empty())
+      return;
+  }
+  if (input_end_ == INPUT_CLOSED || closing_ || (framing_failed_ && input_end_ == INPUT_OPEN))
+    return;
+  char* buffer = loop_->buffer();
+  ssize_t n = ::recv(fd_, buffer, TCP_Reactor::Loop::buffer_size, MSG_DONTWAIT);
+  if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+    return;
+  if (input_end_ == INPUT_BROKEN)
+  {
+    // Lingering after bad input: what comes is dropped.
+    lingered_ += n > 0 ? static_cast<size_t>(n) : 0;
+    if (n <= 0 || lingered_ >= linger_bytes)
+      input_end_ = INPUT_CLOSED;
+    return;
+  }
+  if (n <= 0)
+  {
+    input_ended(n, errno);
+    return;
+  }
+  feed(buffer, static_cast<size_t>(n));
+  after_input();
+}
+
+void TCP_Channel::input_ended(ssize_t n, int error)
+{
+  if (n < 0 && error != ECONNRESET && !closing_)
+  {
+    errno = error;
+    ACE_ERROR((LM_ERROR, "TCP %C: failed to read, errno=%d, %m; closing the connection.\n", peer_.c_str(), error));
+  }
+  else if (n == 0 && frames_->in_message() && !closing_)
+    ACE_DEBUG((LM_WARNING, "TCP %C: connection closed in the middle of a message.\n", peer_.c_str()));
+  input_end_ = INPUT_CLOSED;
+}
+
+bool TCP_Channel::feed(const char* data, size_t length)
+{
+  TCP_Channel* outer = feeding;
+  feeding = this;
+  pressed = false;
+  size_t taken = length;
+  int f = frames_->feed(data, length, [this](JSON_RPC_Reader& reader) { return take(reader); }, &taken);
+  feeding = outer;
+  if (f == 1 && !closing_ && taken < length)
+    rest_.append(data + taken, length - taken);
+  if (f == -1)
+    framing_failed_ = true;
+  if (pressed)
+  {
+    // A requester's queue is full of what this connection forwards: it
+    // reads no more until that queue has drained (wake()).
+    pressed = false;
+    std::lock_guard<std::mutex> guard(state_lock_);
+    paused_forward_ = true;
+    update_interest();
+  }
+  return input_end_ == INPUT_OPEN && !framing_failed_;
+}
+
+void TCP_Channel::after_input()
+{
+  dispatch_pending();
+  // What came before the bad bytes is answered first.
+  if (framing_failed_ && input_end_ == INPUT_OPEN && dispatching_ == 0)
+    broken_input();
+}
+
+void TCP_Channel::feed_rest()
+{
+  std::string data;
+  data.swap(rest_);
+  feed(data.data(), data.size());
+}
+
+bool TCP_Channel::take(JSON_RPC_Reader& reader)
+{
+  JSON_RPC_Object_Ptr object = reader.object();
+  if (!object.get())
+  {
+    if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
+      nothing_to_dispatch(peer_);
+    return !closing_;
+  }
+  if (is_response(*object))
+  {
+    // Passed back at once: the next message may start a forward that
+    // holds the same requester's lock.
+    if (options_.forward_responses && pass_back_response(*this, object))
+      return !closing_;
+    // A handler reading on for its call: the response is its answer.
+    if (reading_on_)
+    {
       dispatch_answering(self_, object);
-    dispatching_.clear();
+      return !closing_;
+    }
+  }
+  pending_.push_back(object);
+  if (object->type == JSON_RPC_Object::TYPE_REQUEST)
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    in_flight_.push_back(object->id);
+    if (options_.max_requests_in_flight && in_flight_.size() >= options_.max_requests_in_flight)
+    {
+      paused_in_flight_ = true;
+      update_interest();
+      return false;
+    }
   }
   return !closing_;
 }
 
-bool TCP_Channel::read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames)
+void TCP_Channel::dispatch_pending()
 {
-  if (n < 0 && error != ECONNRESET)
+  if (dispatching_ > 0)
+    return;
+  ++dispatching_;
+  // Handlers may add to pending_ while they run (read_on), so the objects
+  // are taken out first.
+  std::vector<JSON_RPC_Object_Ptr> batch;
+  while (!pending_.empty() && !closing_)
   {
-    if (!closing_)
-    {
-      errno = error;
-      ACE_ERROR((LM_ERROR, "TCP %C: failed to read, errno=%d, %m; closing the connection.\n", peer_.c_str(), error));
-    }
-    return true;
+    batch.swap(pending_);
+    for (const JSON_RPC_Object_Ptr& object : batch)
+      if (!closing_)
+        dispatch_answering(self_, object);
+    batch.clear();
   }
-  if (n <= 0)
+  --dispatching_;
+}
+
+void TCP_Channel::broken_input()
+{
+  ACE_ERROR((LM_ERROR, "TCP %C: %C; closing the connection.\n", peer_.c_str(), frames_->error().c_str()));
+  frames_->close();
+  input_end_ = INPUT_BROKEN;
+  if (closing_)
   {
-    if (frames.in_message() && !closing_)
-      ACE_DEBUG((LM_WARNING, "TCP %C: connection closed in the middle of a message.\n", peer_.c_str()));
-    return true;
+    input_end_ = INPUT_CLOSED;
+    return;
   }
-  return false;
+  send_error(-32700, json_spirit::Value::null, nullptr, json_spirit::Value::null);
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    output_failed_ = true;
+  }
+  std::lock_guard<std::mutex> guard(state_lock_);
+  if (queue_.empty())
+    ::shutdown(fd_, SHUT_WR);
+  else
+    shut_when_sent_ = true;
+  linger_until_ = Clock::now() + std::min<Clock::duration>(linger_limit, to_duration(options_.read_limit));
+  lingered_ = 0;
 }
 
-void TCP_Channel::look_aside(long long now)
+void TCP_Channel::resume_input()
 {
-  if (!token_.load() && now - lent_at_.load() >= park_limit_ns)
-    call_reader();
-}
-
-bool TCP_Channel::stand_aside(bool timed)
-{
-  // Back at once when called. Untimed, the watch calls it back when nobody
-  // reads any more, so that a request or notification that comes then
-  // waits little; timed, it looks for itself after park_limit.
-  if (call_.exchange(0) == 1)
-    return true;
-  struct timespec limit = {0, park_limit_ns};
-  futex(&call_, FUTEX_WAIT_PRIVATE, 0, timed ? &limit : nullptr);
-  return call_.exchange(0) == 1;
-}
-
-void TCP_Channel::call_reader()
-{
-  if (call_.exchange(1) == 0)
-    futex(&call_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+  if (finished_)
+    return;
+  feed_rest();
+  after_input();
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    update_interest();
+  }
+  settle();
 }
 
 bool TCP_Channel::wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
 {
   if (!waits_.enter(wait))
     return false;
-  bool done = wait_entered(wait, deadline);
+  bool done;
+  if (!wait.done() && loop_ && TCP_Reactor::current() == loop_)
+    done = read_on(wait, deadline);
+  else
+    done = wait.wait(deadline);
   int error = errno;
   waits_.leave(wait);
   errno = error;
   return done;
 }
 
-bool TCP_Channel::wait_entered(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
-{
-  if (wait.done())
-    return wait.wait(deadline);
-  // A handler on this channel's own read thread, calling its peer back:
-  // nobody else reads the channel, so this thread reads on for it.
-  if (reading == this)
-    return read_on(wait, deadline);
-  if (options_.forward_responses || reading)
-    return wait.wait(deadline);
-  if (!token_.exchange(true))
-  {
-    if (lend(wait, deadline))
-      return true;
-    follow(&wait, true);
-  }
-  else
-  {
-    // Entered before the second look at the token, and whoever lets go of
-    // it looks for followers afterwards: so nobody sleeps while nobody
-    // reads.
-    follow(&wait, true);
-    if (!wait.done() && !token_.exchange(true))
-    {
-      follow(&wait, false);
-      if (lend(wait, deadline))
-        return true;
-      follow(&wait, true);
-    }
-  }
-  bool done = wait.wait(deadline);
-  follow(&wait, false);
-  return done;
-}
-
-// Reads for wait with the token, then lets go of it: true when the response
-// is in. Otherwise the deadline has passed or the read thread is called.
-bool TCP_Channel::lend(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
-{
-  bool hand_over = read_lent(wait, deadline);
-  lent_at_.store(now_ns());
-  token_.store(false);
-  if (hand_over || followers_waiting())
-    call_reader();
-  return wait.done();
-}
-
-void TCP_Channel::follow(JSON_RPC_Response_Wait* wait, bool add)
-{
-  std::lock_guard<std::mutex> guard(followers_lock_);
-  if (add)
-    followers_.push_back(wait);
-  else
-    followers_.erase(std::find(followers_.begin(), followers_.end(), wait));
-}
-
-bool TCP_Channel::followers_waiting()
-{
-  std::lock_guard<std::mutex> guard(followers_lock_);
-  return std::any_of(followers_.begin(), followers_.end(), [](JSON_RPC_Response_Wait* w) { return !w->done(); });
-}
-
 bool TCP_Channel::read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline)
 {
-  read_lent(wait, deadline, true);
-  if (wait.done())
-    return wait.wait(deadline);
-  if (deadline && *deadline <= ACE_OS::gettimeofday())
-    errno = ETIME;
-  else // the connection ends: the read loop sees to it once the handler returns
-    errno = end_errno();
-  return false;
-}
-
-bool TCP_Channel::read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline, bool nested)
-{
-  // What an earlier caller left for the read thread goes first: a response
-  // read after it must not overtake it. The read thread itself, reading on
-  // for one of those, lets its own response by.
-  if ((!nested && !handed_.empty()) || lent_end_ != LENT_READING)
-    return true;
-  bool handing = false;
-  TCP_Frame_Reader::Handler deliver = [this, &handing, nested](JSON_RPC_Reader& reader) {
-    JSON_RPC_Object_Ptr object = reader.object();
-    if (!object.get())
-    {
-      if (reader.state() != JSON_RPC_Reader::STATE_FORWARDING)
-        nothing_to_dispatch(peer_);
-    }
-    else if ((handing && !nested) || !is_response(*object))
-    {
-      // Handlers of requests run on the read thread; what follows them
-      // waits its turn behind them.
-      handed_.push_back(object);
-      handing = true;
-    }
-    else if (!options_.forward_responses || !pass_back(object))
-      dispatch_answering(self_, object);
-    return !closing_;
-  };
-  Reading_Mark mark(this);
-  Spin_Wait spin;
-  const Clock::duration limit = to_duration(options_.read_limit);
-  while (!wait.done())
+  // Nobody else reads this connection while its thread is here: this
+  // thread reads for the caller, dispatching the responses it meets.
+  bool outer = reading_on_;
+  reading_on_ = true;
+  if (!rest_.empty())
+    feed_rest();
+  while (!wait.done() && rest_.empty() && input_end_ == INPUT_OPEN && !framing_failed_ && !closing_)
   {
-    if (closing_)
-      return true;
     int wait_ms = -1;
     if (deadline)
     {
       ACE_Time_Value left = *deadline - ACE_OS::gettimeofday();
       if (left <= ACE_Time_Value::zero)
-        return false;
+        break;
       wait_ms = static_cast<int>(std::min<long long>(left.sec() * 1000LL + (left.usec() + 999) / 1000, INT_MAX));
     }
-    if (frames_->in_message())
-    {
-      // The read thread knows what to do when a peer stalls.
-      int left = ms_until(frames_->started() + limit);
-      if (left == 0)
-        return true;
-      wait_ms = wait_ms < 0 ? left : std::min(wait_ms, left);
-    }
-    ssize_t n;
-    if (!spin.recv(stream_.get_handle(), read_buffer_.get(), read_chunk, n,
-                   std::chrono::milliseconds(wait_ms < 0 ? INT_MAX : wait_ms)))
-    {
-      struct pollfd p = {stream_.get_handle(), POLLIN, 0};
-      int r = ::poll(&p, 1, wait_ms);
-      if (r <= 0)
-        continue;
-      n = ::recv(stream_.get_handle(), read_buffer_.get(), read_chunk, MSG_DONTWAIT);
-    }
+    struct pollfd p = {fd_, POLLIN, 0};
+    int r = ::poll(&p, 1, wait_ms);
+    if (r <= 0)
+      continue;
+    ssize_t n = ::recv(fd_, loop_->buffer(), TCP_Reactor::Loop::buffer_size, MSG_DONTWAIT);
     if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
       continue;
     if (n <= 0)
-    {
-      lent_end_ = LENT_RECV;
-      lent_n_ = n;
-      lent_errno_ = errno;
-      return true;
-    }
-    int f = frames_->feed(read_buffer_.get(), static_cast<size_t>(n), deliver);
-    if (f != 0)
-    {
-      lent_end_ = f == -1 ? LENT_FAILED : LENT_STOPPED;
-      return true;
-    }
-    if (handing && !nested)
-      return true;
+      input_ended(n, errno);
+    else
+      feed(loop_->buffer(), static_cast<size_t>(n));
   }
+  reading_on_ = outer;
+  // What came for this connection's handlers waits until the loop has it
+  // (at once if one of them is on the stack here).
+  if (dispatching_ == 0 && (!pending_.empty() || input_end_ != INPUT_OPEN || framing_failed_))
+  {
+    JSON_RPC_Channel_Strong_Ptr self(keep_);
+    loop_->post([self, this]() {
+      after_input();
+      settle();
+    });
+  }
+  if (wait.done())
+    return wait.wait(deadline);
+  if (input_end_ != INPUT_OPEN || framing_failed_ || closing_)
+    errno = end_errno();
+  else
+    errno = ETIME;
   return false;
 }
 
-void TCP_Channel::protocol_error(TCP_Frame_Reader& frames)
+// ---------------------------------------------------------------- in flight
+
+void TCP_Channel::answered(const json_spirit::Value& id)
 {
-  ACE_ERROR((LM_ERROR, "TCP %C: %C; closing the connection.\n", peer_.c_str(), frames.error().c_str()));
-  frames.close();
-  if (closing_)
-    return;
-  send_error(-32700, json_spirit::Value::null, nullptr, json_spirit::Value::null);
+  bool resume = false;
   {
-    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
-    output_failed_ = true;
-    shutdown(SHUT_WR);
+    std::lock_guard<std::mutex> guard(state_lock_);
+    auto i = std::find(in_flight_.begin(), in_flight_.end(), id);
+    if (i == in_flight_.end())
+      return;
+    in_flight_.erase(i);
+    if (paused_in_flight_ && in_flight_.size() < options_.max_requests_in_flight && fd_ != -1)
+    {
+      paused_in_flight_ = false;
+      resume = true;
+    }
   }
-  linger();
+  JSON_RPC_Channel_Strong_Ptr self(self_);
+  if (resume && !self.null())
+    loop_->post([self, this]() { resume_input(); });
 }
 
-void TCP_Channel::linger()
+size_t TCP_Channel::requests_in_flight() const
 {
-  Clock::time_point deadline = Clock::now() + std::min<Clock::duration>(linger_limit, to_duration(options_.read_limit));
-  char buffer[4096];
-  size_t dropped = 0;
-  while (dropped < linger_bytes && !closing_)
+  std::lock_guard<std::mutex> guard(state_lock_);
+  return in_flight_.size();
+}
+
+void TCP_Channel::answer_in_flight(int code, const char* message)
+{
+  std::vector<json_spirit::Value> ids;
   {
-    int wait = ms_until(deadline);
-    if (wait == 0)
+    std::lock_guard<std::mutex> guard(state_lock_);
+    ids = in_flight_;
+  }
+  for (const json_spirit::Value& id : ids)
+    send_error(code, id, message, json_spirit::Value::null);
+}
+
+void TCP_Channel::stop_reading()
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  stopped_reading_ = true;
+  update_interest();
+}
+
+size_t TCP_Channel::queued_bytes() const
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  return queue_.bytes();
+}
+
+// ---------------------------------------------------------------- output queue
+
+void TCP_Channel::update_interest()
+{
+  if (!watched_ || fd_ == -1)
+    return;
+  uint32_t want = queue_.empty() ? 0u : static_cast<uint32_t>(EPOLLOUT);
+  if (!paused_in_flight_ && !paused_forward_ && !stopped_reading_)
+    want |= EPOLLIN;
+  if (want != interest_ && loop_->modify(fd_, want, this) == 0)
+    interest_ = want;
+}
+
+int TCP_Channel::queue_bytes(const char* head, size_t head_length, std::string& body)
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  if (fd_ == -1)
+    return EPIPE;
+  int error = queue_.push(fd_, head, head_length, body);
+  if (error)
+    return error;
+  bool over = queue_.bytes() > options_.max_send_queue;
+  if (!over)
+    over_since_ = Clock::time_point();
+  else if (over_since_ == Clock::time_point())
+    over_since_ = Clock::now();
+  if (over && streaming_ && feeding && feeding != this)
+  {
+    JSON_RPC_Channel_Weak_Ptr forwarder = feeding->weak();
+    if (std::find(forwarders_.begin(), forwarders_.end(), forwarder) == forwarders_.end())
+      forwarders_.push_back(forwarder);
+    pressed = true;
+  }
+  update_interest();
+  return 0;
+}
+
+void TCP_Channel::drain_output()
+{
+  std::vector<JSON_RPC_Channel_Weak_Ptr> forwarders;
+  int error;
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    if (fd_ == -1)
       return;
-    struct pollfd p = {stream_.get_handle(), POLLIN, 0};
-    int r = ::poll(&p, 1, wait);
-    if (r < 0 && errno == EINTR)
+    error = queue_.drain(fd_);
+    if (queue_.bytes() <= options_.max_send_queue)
+      over_since_ = Clock::time_point();
+    // Forwarders read on once half the room is free again.
+    if (queue_.bytes() <= options_.max_send_queue / 2)
+      forwarders.swap(forwarders_);
+    if (queue_.empty() && shut_when_sent_)
+      ::shutdown(fd_, SHUT_WR);
+    update_interest();
+  }
+  wake(forwarders);
+  if (error)
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    fail_output(error);
+  }
+}
+
+void TCP_Channel::wake(const std::vector<JSON_RPC_Channel_Weak_Ptr>& forwarders)
+{
+  for (const JSON_RPC_Channel_Weak_Ptr& weak : forwarders)
+  {
+    JSON_RPC_Channel_Strong_Ptr strong(weak);
+    TCP_Channel* forwarder = cast(strong);
+    if (!forwarder)
       continue;
-    if (r <= 0)
-      return;
-    ssize_t n = ::recv(stream_.get_handle(), buffer, sizeof buffer, MSG_DONTWAIT);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
-      continue;
-    if (n <= 0)
-      return;
-    dropped += static_cast<size_t>(n);
+    forwarder->loop_->post([strong, forwarder]() {
+      std::lock_guard<std::mutex> guard(forwarder->state_lock_);
+      forwarder->paused_forward_ = false;
+      forwarder->update_interest();
+    });
   }
 }
 
 // ---------------------------------------------------------------- writing
 
-int TCP_Channel::write_all(struct iovec* iov, int count)
-{
-  // The limit is on one write, not on a message: a forwarded response is
-  // written while it is read, as slowly as it comes in.
-  Clock::time_point deadline = Clock::now() + to_duration(options_.send_limit);
-  ACE_HANDLE handle = stream_.get_handle();
-  while (count > 0)
-  {
-    struct msghdr msg = {};
-    msg.msg_iov = iov;
-    msg.msg_iovlen = count;
-    ssize_t n = ::sendmsg(handle, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n >= 0)
-    {
-      size_t done = static_cast<size_t>(n);
-      while (count > 0 && done >= iov->iov_len)
-      {
-        done -= iov->iov_len;
-        ++iov;
-        --count;
-      }
-      if (count > 0)
-      {
-        iov->iov_base = static_cast<char*>(iov->iov_base) + done;
-        iov->iov_len -= done;
-      }
-      continue;
-    }
-    if (errno == EINTR)
-      continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK)
-      return errno;
-    int wait = ms_until(deadline);
-    if (wait == 0)
-      return ETIMEDOUT;
-    struct pollfd p = {handle, POLLOUT, 0};
-    if (::poll(&p, 1, wait) < 0 && errno != EINTR)
-      return errno;
-  }
-  return 0;
-}
-
-bool TCP_Channel::writable() const
-{
-  return !closing_ && !output_failed_ && stream_.get_handle() != ACE_INVALID_HANDLE;
-}
+bool TCP_Channel::writable() const { return !closing_ && !output_failed_; }
 
 void TCP_Channel::fail_output(int error)
 {
@@ -890,8 +754,11 @@ void TCP_Channel::fail_output(int error)
     ACE_ERROR((LM_ERROR, "TCP %C: failed to write a message, errno=%d, %m; closing the connection.\n", peer_.c_str(),
                error));
   }
-  // The read thread sees the end and deregisters the channel.
-  shutdown(SHUT_RDWR);
+  // The I/O thread sees the end and deregisters the channel: a send may
+  // run with the registers' locks held.
+  std::lock_guard<std::mutex> guard(state_lock_);
+  if (fd_ != -1)
+    ::shutdown(fd_, SHUT_RDWR);
 }
 
 void TCP_Channel::settle_stream()
@@ -943,6 +810,8 @@ int TCP_Channel::send_object(JSON_RPC_Object_Ptr object)
     errno = EINVAL;
     return -1;
   }
+  if (is_response(*object))
+    answered(object->id);
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
   return write_message([&](Output& out) { return writer_.write(*object, out); });
 }
@@ -971,10 +840,10 @@ int TCP_Channel::send_end()
     errno = EINVAL;
     return -1;
   }
-  streaming_ = false;
   writer_.close();
   bool discarded = output_.discarding();
   int error = output_.end();
+  streaming_ = false;
   if (error)
   {
     if (!discarded)
@@ -1019,29 +888,11 @@ int TCP_Channel::get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& re
     return -1;
   id = entry.first;
   requester = entry.second;
-  return 0;
-}
-
-bool TCP_Channel::pass_back(const JSON_RPC_Object_Ptr& object)
-{
-  const json_spirit::Value& forward_id = object->id;
-  if ((object->type != JSON_RPC_Object::TYPE_RESPONSE && object->type != JSON_RPC_Object::TYPE_RESPONSE_ERROR) ||
-      forward_id.type() != json_spirit::int_type || forward_id.is_uint64())
-    return false;
-  JSON_RPC_Channel_Weak_Ptr requester;
-  json_spirit::Value id;
-  if (get_forward_entry(forward_id.get_int(), requester, id) == -1)
-    return false;
+  // The response on its way answers the requester's request.
   JSON_RPC_Channel_Strong_Ptr to(requester);
-  if (to.null())
-  {
-    ACE_ERROR((LM_ERROR, "Abort forwarding JSON-RPC response, requester is gone.\n"));
-    return true;
-  }
-  // The reader is done with the object, and nobody else has it.
-  object->id = id;
-  to->send_object(object);
-  return true;
+  if (TCP_Channel* tcp = cast(to))
+    tcp->answered(id);
+  return 0;
 }
 
 int TCP_Channel::forward(JSON_RPC_Channel_Weak_Ptr requester, JSON_RPC_Object_Ptr object)

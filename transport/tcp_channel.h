@@ -1,8 +1,11 @@
+// A JSON-RPC channel over one TCP connection, served by a reactor's I/O thread.
 #ifndef TRANSPORT_TCP_CHANNEL_H
 #define TRANSPORT_TCP_CHANNEL_H
 
 #include "transport/tcp_export.h"
 #include "transport/tcp_options.h"
+#include "transport/tcp_output_queue.h"
+#include "transport/tcp_reactor.h"
 #include "json_rpc/json_rpc_channel.h"
 #include "json_rpc/json_rpc_forward_map.h"
 #include "json_rpc/json_rpc_generator.h"
@@ -18,34 +21,34 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <condition_variable>
 #include <vector>
 
-class ACE_Log_Msg_Callback;
+class JSON_RPC_Reader;
 class TCP_Frame_Reader;
 
 /// A JSON-RPC channel over one TCP connection.
 ///
-/// Reading: one thread per connection feeds the bytes through a
-/// TCP_Frame_Reader to a JSON_RPC_Reader and hands each message to
-/// JSON_RPC_Dispatcher::dispatch. Once it has dispatched a response and no
-/// other caller waits, it steps aside: a caller that waits for its response
-/// over this channel (wait_response) reads the socket itself, on its own
-/// thread, and spares the hand-off from the read thread to it. The read
-/// thread comes back when called, or when no caller has read for a
-/// millisecond, so a request or notification that arrives while nobody
-/// reads waits a millisecond or two at most. Such a caller dispatches the
-/// responses it meets (their handlers run on its thread) and leaves
-/// requests and notifications, and everything after them, to the read
-/// thread, which runs their handlers as always. Channels that forward
-/// responses always read on their own thread.
+/// Reading: the connection belongs to one I/O thread of a TCP_Reactor,
+/// which reads what comes, feeds it through a TCP_Frame_Reader to a
+/// JSON_RPC_Reader and dispatches each message, in order, one at a time:
+/// direct handlers run on that thread, and hold up the other connections
+/// of the thread while they run. A request counts as in flight from its
+/// reading until a response with its id goes out on the channel; with
+/// max_requests_in_flight of them the connection is not read on until
+/// answers go out. A caller that waits for a response over the channel
+/// sleeps until the I/O thread has dispatched it. Only on the channel's
+/// own I/O thread (a direct handler calling a peer of its thread back) the
+/// caller reads the socket itself meanwhile: it dispatches the responses
+/// it meets and leaves requests and notifications until the handlers of
+/// the thread have returned.
 ///
-/// The read thread holds a strong pointer to the channel while the
-/// connection is up, so the object outlives it; close()
-/// ends a connection. When it ends (the peer's end, close(), bad input, a
-/// failed write), the read thread takes the channel out of
-/// JSON_RPC_Channel_Map, JSON_RPC_Notify_Manager and the pool, answers the
-/// requests forwarded through it with -32603, and closes the socket.
+/// The connection holds a strong pointer to the channel while it is up,
+/// so the object outlives it; close() ends it. When it ends (the peer's
+/// end, close(), bad input, a failed write), the I/O thread fails the
+/// calls that wait over it, takes the channel out of JSON_RPC_Channel_Map,
+/// JSON_RPC_Notify_Manager and the pool, answers the requests forwarded
+/// through it with -32603, and closes the socket.
 ///
 /// A message that the reader refuses while its framing holds is answered
 /// (-32700 "Parse error" for text that is no JSON, -32600 "Invalid Request"
@@ -53,46 +56,35 @@ class TCP_Frame_Reader;
 /// reader saw it) and the connection reads on. Broken framing (a header too
 /// large, a bad or missing Content-Length), or a message of which more than
 /// max_message_size bytes would be held, is logged and answered with an
-/// error of id null and code -32700 before the connection is closed. A message without content, such as {"id":1},
-/// is logged and skipped.
+/// error of id null and code -32700 before the connection is closed; so is
+/// a message not complete within read_limit. A message without content,
+/// such as {"id":1}, is logged and skipped.
 ///
-/// Writing: each message goes out whole under io_mutex(). With NDJSON the
-/// text passes through a 64 KiB buffer to the socket while it is generated,
-/// so a large message is never held whole. With Content-Length framing the
-/// length has to come first, so the body is generated into a buffer and
-/// then written behind its header. A write that fails or waits longer than
-/// send_limit leaves the stream unusable: the channel shuts the socket and
-/// lets its read thread deregister it, since a send may run with the
-/// registers' locks held.
+/// Writing never waits for the peer: each message is generated under
+/// io_mutex() and goes to the connection's TCP_Output_Queue, which writes
+/// what the socket takes at once and leaves the rest to the I/O thread.
+/// With NDJSON a large message passes to the queue in 64 KiB pieces while
+/// it is generated; with Content-Length framing the length has to come
+/// first, so the body is generated into a buffer and queued behind its
+/// header. A queue that stays over max_send_queue for send_limit closes
+/// the connection.
 ///
 /// Forwarded responses (forward_responses on the channel they come back
 /// on) are written to the requester's connection with send_begin/send_end
 /// as they are parsed; a response the reader assembles instead (an error,
 /// or a result whose id comes after it) is passed back whole under the
 /// requester's id. To an NDJSON requester they go out in 64 KiB pieces
-/// while they arrive, in constant memory whatever their size; to a
-/// Content-Length requester the transport holds the one message until its
-/// end, as its length is not known before.
+/// while they arrive, in constant memory whatever their size: while the
+/// requester's queue is over max_send_queue the forwarding connection is
+/// not read. To a Content-Length requester the transport holds the one
+/// message until its end, as its length is not known before.
 ///
-/// The transport threads take the log settings (message callback, priority
-/// mask) of the thread that started them. The library's singletons must
-/// exist before the first transport starts (their first instance() call is
-/// not safe against another one on a second thread): JSON_RPC_Scope,
-/// TCP_Server and TCP_Client see to that.
-class JSON_RPC_TCP_EXPORT TCP_Channel : public JSON_RPC_Channel
+/// The library's singletons must exist before the first connection starts
+/// (their first instance() call is not safe against another one on a
+/// second thread): JSON_RPC_Scope, TCP_Server and TCP_Client see to that.
+class JSON_RPC_TCP_EXPORT TCP_Channel : public JSON_RPC_Channel, private TCP_Reactor_Handler
 {
 public:
-  /// What io_state() reports after a failed send_end.
-  enum IO_State
-  {
-    IO_STATE_OK = 0,
-    /// send_end without send_begin.
-    IO_STATE_NO_MESSAGE = 1,
-    /// The connection is gone or closing. That is this channel's own affair,
-    /// logged here if it needs a line: nothing for the caller to report.
-    IO_STATE_CLOSED = 7
-  };
-
   /// Takes over the handle of a connected stream.
   TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options);
   ~TCP_Channel() override;
@@ -100,16 +92,17 @@ public:
   /// The TCP channel behind a pointer; null for another kind of channel.
   static TCP_Channel* cast(const JSON_RPC_Channel_Strong_Ptr& channel);
 
-  /// Runs options().on_connect, registers the channel and starts its read
-  /// thread. self must own the channel. -1 if the connection was refused or
-  /// the thread could not be started; the connection is closed then.
-  static int start(JSON_RPC_Channel_Strong_Ptr self);
+  /// Runs options().on_connect, registers the channel and hands the
+  /// connection to a loop of reactor. self must own the channel. -1 if
+  /// the connection was refused; it is closed then.
+  static int start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor);
 
-  /// Ends the connection. On any thread but the channel's own read thread
-  /// it returns once that thread has deregistered the channel and ended; on
-  /// the read thread (a handler closing its own channel) it only starts the
-  /// end. Two handlers closing each other's channels would wait for each
-  /// other: close another connection from a thread that reads none.
+  /// Ends the connection. It returns once the I/O thread has deregistered
+  /// the channel, except on that I/O thread itself (a handler closing a
+  /// connection of its own thread), where it only starts the end. Two
+  /// handlers closing each other's channels from two I/O threads would
+  /// wait for each other: close another connection from a thread that
+  /// serves none.
   void close();
   /// True once the connection is ending.
   bool closed() const { return closing_; }
@@ -118,6 +111,15 @@ public:
   const std::string& peer() const { return peer_; }
   /// The channel as the registers hold it; empty before start().
   JSON_RPC_Channel_Weak_Ptr weak() const { return self_; }
+
+  /// For a graceful stop: reads no more from the peer.
+  void stop_reading();
+  /// Requests read and not yet answered.
+  size_t requests_in_flight() const;
+  /// Answers each request in flight with an error of code and message.
+  void answer_in_flight(int code, const char* message);
+  /// Bytes waiting for the peer to take them.
+  size_t queued_bytes() const;
 
   int send_object(JSON_RPC_Object_Ptr object) override;
   int send_generator(JSON_Generator& generator) override;
@@ -153,82 +155,87 @@ public:
   /// A direct TCP peer is its own origin: the remote address.
   int get_original_addr(ACE_Addr& addr) const override;
   ACE_Lock* io_mutex() override { return &io_adapter_; }
-  /// Reads the channel on the calling thread while the read thread stands
-  /// aside (see above); on the channel's own read thread (a direct handler
-  /// calling its peer back) it reads on for the handler: responses are
-  /// dispatched as they come, requests and notifications wait until the
-  /// handler returns. From a thread that reads another channel it only
-  /// waits. When the connection ends every wait fails at once, with errno
-  /// ECONNRESET, or ECONNABORTED after close().
+  /// Waits until the I/O thread has dispatched the response; on the
+  /// channel's own I/O thread it reads for itself (see above). When the
+  /// connection ends every wait fails at once, with errno ECONNRESET, or
+  /// ECONNABORTED after close().
   bool wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline) override;
 
 private:
   typedef std::chrono::steady_clock Clock;
 
-  /// Generated text on its way to the socket; used under io_lock_.
+  /// Generated text on its way to the output queue; used under io_lock_.
   class Output : public YAJL_Printer
   {
   public:
-    explicit Output(TCP_Channel& channel);
+    explicit Output(TCP_Channel& channel) : channel_(channel), sent_(false), error_(0), discard_(false) {}
     /// A new message; with discard its text goes nowhere.
     void begin(bool discard);
     void print(char const* data, unsigned long long length) override;
-    /// Frames and writes what is left: 0, or the errno of the failure.
+    /// Frames and queues what is left: 0, or the errno of the failure.
     int end();
-    /// Forgets a message of which nothing has gone out.
+    /// Forgets a message of which nothing has been queued.
     void drop();
-    bool sent_some() const { return sent_ > 0; }
+    bool sent_some() const { return sent_; }
     bool discarding() const { return discard_; }
 
   private:
-    bool flush();
-    int write(char const* data, size_t length);
+    void flush();
 
     TCP_Channel& channel_;
     std::string buffer_;
-    unsigned long long sent_;
+    bool sent_;
     int error_;
     bool discard_;
   };
 
-  /// A response to a forwarded request that the reader assembled instead
-  /// of streaming it (an error, or a result ahead of its id) goes to its
-  /// requester under the requester's id; false if it answers no forward.
-  bool pass_back(const JSON_RPC_Object_Ptr& object);
-  int start_i(JSON_RPC_Channel_Strong_Ptr self);
-  void run(JSON_RPC_Channel_Strong_Ptr* self, ACE_Log_Msg_Callback* log_callback, unsigned long log_mask);
-  void read_loop(TCP_Frame_Reader& frames);
-  /// Dispatches what waits in handed_, in order; false once closing.
-  bool dispatch_handed();
-  bool wait_entered(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  // Why reading has stopped.
+  enum Input_End
+  {
+    INPUT_OPEN,
+    INPUT_CLOSED, // the peer's end, a read error, or close()
+    INPUT_BROKEN  // bad framing: the error is answered before the end
+  };
+
+  int start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor);
+  void handle_events(uint32_t events) override;
+  void handle_tick(Clock::time_point now) override;
+
+  void read_input();
+  /// Feeds data to the frame reader; false once the input has ended.
+  bool feed(const char* data, size_t length);
+  bool take(JSON_RPC_Reader& reader);
+  void feed_rest();
+  void dispatch_pending();
+  /// Dispatches what was read, then answers bad framing after it.
+  void after_input();
   bool read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
-  bool read_ended(ssize_t n, int error, const TCP_Frame_Reader& frames);
+  void input_ended(ssize_t n, int error);
+  void broken_input();
+  /// Ends the connection if it is over and no handler of it runs; on the
+  /// I/O thread.
+  void settle();
+  void deregister();
+  void resume_input();
   /// What a call that waits over the ended connection fails with.
   int end_errno() const { return closed_here_ ? ECONNABORTED : ECONNRESET; }
-  bool read_lent(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline, bool nested = false);
-  bool stand_aside(bool timed);
-  void call_reader();
-  friend class Aside_Watch;
-  /// Calls the read thread back when nobody has held the token for
-  /// park_limit; for the thread that watches read threads standing aside.
-  void look_aside(long long now);
-  bool lend(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
-  void follow(JSON_RPC_Response_Wait* wait, bool add);
-  bool followers_waiting();
-  void protocol_error(TCP_Frame_Reader& frames);
-  void linger();
-  void deregister(JSON_RPC_Channel_Strong_Ptr& self);
-  void shutdown(int how);
+
+  /// Under state_lock_: the events the loop is to watch for.
+  void update_interest();
+  void answered(const json_spirit::Value& id);
+  int queue_bytes(const char* head, size_t head_length, std::string& body);
+  void drain_output();
+  /// Lets connections that were paused for this one's queue read on.
+  static void wake(const std::vector<JSON_RPC_Channel_Weak_Ptr>& forwarders);
 
   template <class Generate>
   int write_message(Generate generate);
   bool writable() const;
   void settle_stream();
   void fail_output(int error);
-  int write_all(struct iovec* iov, int count);
 
   const TCP_Options options_;
-  ACE_SOCK_Stream stream_;
+  int fd_; // -1 once closed, under state_lock_
   ACE_INET_Addr local_addr_;
   ACE_INET_Addr remote_addr_;
   std::string peer_;
@@ -237,10 +244,37 @@ private:
   std::atomic<bool> closed_here_; // close() was called
   JSON_RPC_Wait_List waits_;
   bool registered_;
+  std::shared_ptr<TCP_Reactor> reactor_;
+  TCP_Reactor::Loop* loop_;
 
-  // Guards the socket handle against its close while another thread shuts
-  // it down; taken after io_lock_.
-  std::mutex handle_lock_;
+  // On the I/O thread only:
+  JSON_RPC_Channel_Strong_Ptr keep_; // while the connection is up
+  std::unique_ptr<TCP_Frame_Reader> frames_;
+  Input_End input_end_;
+  bool framing_failed_; // answered once what came before it is dispatched
+  std::string rest_;                       // read, not yet fed (at the in-flight limit)
+  std::vector<JSON_RPC_Object_Ptr> pending_; // read, not yet dispatched
+  int dispatching_;                        // depth of dispatches of this channel on the stack
+  bool reading_on_;
+  bool finished_;
+  Clock::time_point linger_until_;
+  size_t lingered_;
+
+  // state_lock_ guards the socket handle, the queue and what decides the
+  // events watched; a leaf, taken after io_lock_.
+  mutable std::mutex state_lock_;
+  TCP_Output_Queue queue_;
+  Clock::time_point over_since_; // the queue went over its limit; zero: it is not
+  uint32_t interest_;
+  bool watched_; // by the loop
+  bool paused_in_flight_;
+  bool paused_forward_;
+  bool stopped_reading_;
+  bool shut_when_sent_; // after bad input
+  std::vector<json_spirit::Value> in_flight_;
+  std::vector<JSON_RPC_Channel_Weak_Ptr> forwarders_; // paused until the queue drains
+  bool ended_;
+  std::condition_variable ended_changed_;
 
   ACE_Thread_Mutex io_lock_;
   ACE_Lock_Adapter<ACE_Thread_Mutex> io_adapter_;
@@ -255,40 +289,6 @@ private:
 
   ACE_Thread_Mutex forward_lock_;
   std::unique_ptr<JSON_RPC_Forward_Map> forward_map_; // null once closed
-
-  // Whoever holds token_ (the read thread, or a caller in wait_response)
-  // reads the socket into *frames_ and read_buffer_. The read thread holds
-  // it from the start, and for good once it stops reading.
-  std::atomic<bool> token_;
-  // Callers asleep in wait_response while another thread reads.
-  std::mutex followers_lock_;
-  std::vector<JSON_RPC_Response_Wait*> followers_;
-  // 1 when the read thread is wanted back at once (a futex word).
-  std::atomic<int> call_;
-  // When a caller or the read thread last let go of the token, in steady
-  // clock nanoseconds.
-  std::atomic<long long> lent_at_;
-  TCP_Frame_Reader* frames_;
-  std::unique_ptr<char[]> read_buffer_;
-  // What a caller read but left to the read thread, and what the read
-  // thread read and is about to dispatch; under token_.
-  std::vector<JSON_RPC_Object_Ptr> handed_;
-  std::vector<JSON_RPC_Object_Ptr> dispatching_;
-  enum Lent_End
-  {
-    LENT_READING,
-    LENT_RECV,
-    LENT_FAILED,
-    LENT_STOPPED
-  } lent_end_;
-  ssize_t lent_n_;
-  int lent_errno_;
-
-  // start_mutex_ makes the read thread wait until thread_ is set;
-  // thread_mutex_ lets one closer at a time join it.
-  std::mutex start_mutex_;
-  std::mutex thread_mutex_;
-  std::thread thread_;
 };
 
 #endif

@@ -31,7 +31,7 @@ int TCP_Client::connect(const ACE_INET_Addr& addr, const TCP_Options& options, l
     errno = EISCONN;
     return -1;
   }
-  // The read thread dispatches from the first message on.
+  // The I/O thread dispatches from the first message on.
   JSON_RPC_Scope::open_singletons();
   ACE_Time_Value limit(timeout > 0 ? timeout : 0);
   return TCP_Connector::connect(channel_, addr, options, timeout > 0 ? &limit : nullptr);

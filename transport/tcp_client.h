@@ -11,9 +11,10 @@
 /// One client connection over TCP that is closed when the object goes.
 /// Calls go through JSON_RPC_Session on channel(); requests and
 /// notifications that the peer sends on the connection are dispatched to
-/// the methods of JSON_RPC_Request_Map on the connection's read thread,
+/// the methods of JSON_RPC_Request_Map on the connection's I/O thread,
 /// like a server's (a notification without a method goes to the
-/// subscribers of JSON_RPC_Notify_Manager).
+/// subscribers of JSON_RPC_Notify_Manager). The connection has an I/O
+/// thread of its own unless the options name a reactor.
 ///
 ///   TCP_Client client;
 ///   if (client.connect("127.0.0.1:4000") == -1) ...
@@ -34,8 +35,9 @@ public:
   int connect(const std::string& address, const TCP_Options& options = TCP_Options(), long timeout = 10);
   int connect(const ACE_INET_Addr& addr, const TCP_Options& options = TCP_Options(), long timeout = 10);
 
-  /// Ends the connection and waits for its read thread; not on that
-  /// thread (a handler of this connection). Nothing if not connected.
+  /// Ends the connection and waits until it is deregistered; on its own
+  /// I/O thread (a handler of this connection) it only starts the end.
+  /// Nothing if not connected.
   void close();
 
   /// True while the connection is up.

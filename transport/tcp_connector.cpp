@@ -1,3 +1,4 @@
+// Opens client connections and starts a channel on each.
 #include "transport/tcp_connector.h"
 #include "transport/tcp_channel.h"
 
@@ -30,7 +31,8 @@ int TCP_Connector::connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_
     return -1;
   }
   JSON_RPC_Channel_Strong_Ptr started(tcp);
-  if (TCP_Channel::start(started) == -1)
+  std::shared_ptr<TCP_Reactor> reactor = options.reactor ? options.reactor : TCP_Reactor::make(1);
+  if (!reactor || TCP_Channel::start(started, reactor) == -1)
     return -1;
   channel = started;
   return 0;

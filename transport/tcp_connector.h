@@ -1,3 +1,4 @@
+// Opens client connections and starts a channel on each.
 #ifndef TRANSPORT_TCP_CONNECTOR_H
 #define TRANSPORT_TCP_CONNECTOR_H
 
@@ -13,8 +14,9 @@ class JSON_RPC_TCP_EXPORT TCP_Connector
 {
 public:
   /// Connects to addr, waiting at most *timeout (null: the system's limit),
-  /// and starts a TCP_Channel on the connection with options; its read
-  /// thread takes the caller's log settings. 0 with channel set, or -1 with
+  /// and starts a TCP_Channel on the connection with options, served by
+  /// options.reactor or else by an I/O thread of its own, which takes the
+  /// caller's log settings. 0 with channel set, or -1 with
   /// errno. The caller ends the connection with TCP_Channel::close; letting
   /// go of the pointer alone leaves it up while the peer keeps it.
   static int connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_Addr& addr, const TCP_Options& options,

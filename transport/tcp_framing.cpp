@@ -1,3 +1,4 @@
+// Cuts a TCP byte stream into messages (Content-Length or NDJSON framing), a push parser.
 #include "transport/tcp_framing.h"
 #include "transport/tcp_channel.h"
 
@@ -165,7 +166,7 @@ int TCP_Frame_Reader::finish(const Handler& handler)
   return go_on ? 0 : 1;
 }
 
-int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handler)
+int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handler, size_t* taken)
 {
   const char* p = data;
   const char* end = data + length;
@@ -221,7 +222,11 @@ int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handl
       {
         int r = finish(handler);
         if (r != 0)
+        {
+          if (taken)
+            *taken = static_cast<size_t>(p - data);
           return r;
+        }
       }
       break;
     }
@@ -270,7 +275,11 @@ int TCP_Frame_Reader::feed(const char* data, size_t length, const Handler& handl
       {
         int r = finish(handler);
         if (r != 0)
+        {
+          if (taken)
+            *taken = static_cast<size_t>(p - data);
           return r;
+        }
       }
       break;
     }

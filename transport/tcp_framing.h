@@ -1,3 +1,4 @@
+// Cuts a TCP byte stream into messages (Content-Length or NDJSON framing), a push parser.
 #ifndef TRANSPORT_TCP_FRAMING_H
 #define TRANSPORT_TCP_FRAMING_H
 
@@ -31,9 +32,10 @@ public:
   TCP_Frame_Reader(const TCP_Frame_Reader&) = delete;
   TCP_Frame_Reader& operator=(const TCP_Frame_Reader&) = delete;
 
-  /// 0: all bytes taken; 1: the handler stopped; -1: the stream can't be
-  /// read on (error() says why), and stays so.
-  int feed(const char* data, size_t length, const Handler& handler);
+  /// 0: all bytes taken; 1: the handler stopped, after *taken bytes (if
+  /// taken is given); -1: the stream can't be read on (error() says why),
+  /// and stays so.
+  int feed(const char* data, size_t length, const Handler& handler, size_t* taken = nullptr);
 
   /// True from the first byte of a message (header included) to its end.
   bool in_message() const { return state_ == STATE_HEADER || state_ == STATE_BODY || state_ == STATE_SKIP; }

@@ -1,3 +1,4 @@
+// Settings of the TCP transport, and the address form it takes.
 #include "transport/tcp_options.h"
 
 #include <ace/INET_Addr.h>
@@ -7,8 +8,9 @@
 #include <cstdlib>
 
 TCP_Options::TCP_Options()
-  : framing(FRAMING_CONTENT_LENGTH), read_limit(60), send_limit(60), max_header_size(8192), max_message_size(64ULL << 20),
-    forward_responses(false), register_channel(true), use_pool(false), listen_backlog(0), max_connections(0)
+  : framing(FRAMING_CONTENT_LENGTH), read_limit(60), send_limit(60), max_send_queue(16 << 20),
+    max_requests_in_flight(1024), max_header_size(8192), max_message_size(64ULL << 20),
+    forward_responses(false), register_channel(true), use_pool(false), listen_backlog(0), max_connections(0), io_threads(0)
 {
 }
 

@@ -1,3 +1,4 @@
+// Settings of the TCP transport, and the address form it takes.
 #ifndef TRANSPORT_TCP_OPTIONS_H
 #define TRANSPORT_TCP_OPTIONS_H
 
@@ -7,10 +8,12 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 
 class ACE_INET_Addr;
 class TCP_Channel;
+class TCP_Reactor;
 
 /// Settings of one listener (for all its connections) or of one outgoing
 /// connection.
@@ -32,10 +35,18 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// Time a peer has to finish a message once its first byte has come
   /// (60 s). A peer that is quiet between messages is never cut off.
   ACE_Time_Value read_limit;
-  /// Time one write may wait for the peer to take data (60 s): a peer that
-  /// stops reading holds up the writers of its channel that long at most,
-  /// and then loses the connection.
+  /// Time the output queue may stay over max_send_queue (60 s): a peer
+  /// that takes no more than that is closed, with a line at error priority.
+  /// Writers never wait for a peer: what it has not taken waits in the
+  /// queue.
   ACE_Time_Value send_limit;
+  /// Bytes queued for a peer beyond which the send_limit clock runs (16 MiB).
+  /// A response forwarded as it comes pauses its forwarder's reading while
+  /// its requester's queue is over this, so it never queues much more.
+  size_t max_send_queue;
+  /// Requests of one connection dispatched and not yet answered, past which
+  /// the connection is not read until answers go out (1024; 0: no limit).
+  size_t max_requests_in_flight;
   /// Bytes of header lines in front of one body (8 KiB).
   size_t max_header_size;
   /// Most bytes of an incoming message that are assembled into an object
@@ -57,10 +68,18 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// no limit. One past it is closed as soon as it is accepted, with a line
   /// at warning priority, instead of being left to hang.
   size_t max_connections;
+  /// The I/O threads that serve the connections. Null: a listener makes
+  /// its own, io_threads of them, and an outgoing connection gets one
+  /// thread of its own. Many connections can share one reactor.
+  std::shared_ptr<TCP_Reactor> reactor;
+  /// Threads of a listener's own reactor (0, the default: one for each
+  /// processor).
+  size_t io_threads;
   /// Runs before registration, with type 0 and the id set to the peer's
   /// address text; it may change both. -1 refuses the connection.
   std::function<int(TCP_Channel&)> on_connect;
-  /// Runs on the read thread once the channel has been deregistered.
+  /// Runs on the connection's I/O thread once the channel has been
+  /// deregistered.
   std::function<void(TCP_Channel&)> on_close;
 };
 

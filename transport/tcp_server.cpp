@@ -45,6 +45,14 @@ void TCP_Server::stop()
   running_ = false;
 }
 
+void TCP_Server::stop(const ACE_Time_Value& limit)
+{
+  if (!running_)
+    return;
+  acceptor_.drain(limit);
+  running_ = false;
+}
+
 std::string TCP_Server::address() const
 {
   char host[96] = {0};

@@ -10,8 +10,10 @@
 #include <vector>
 
 /// A JSON-RPC server over TCP: listens on one address and serves the
-/// methods of JSON_RPC_Request_Map on every connection (each connection
-/// is read by a thread of its own, on which direct handlers run).
+/// methods of JSON_RPC_Request_Map on every connection. A fixed set of I/O
+/// threads (TCP_Options::io_threads) serves all connections; direct
+/// handlers run on them, so slow work belongs on the pool or a thread of
+/// its own.
 ///
 ///   JSON_RPC_Scope scope;
 ///   add_json_rpc_method("add", ...);
@@ -39,11 +41,15 @@ public:
   int start(const std::string& address, const TCP_Options& options = TCP_Options());
   int start(const ACE_INET_Addr& addr, const TCP_Options& options = TCP_Options());
 
-  /// Stops accepting, closes every connection and waits for their threads
-  /// to end; a handler still running on one of them has returned when it
-  /// does. Call it from a thread that reads none of its connections (not
+  /// Stops accepting, closes every connection and stops the I/O threads; a
+  /// direct handler still running on one of them has returned when it
+  /// does. Call it from a thread that serves none of its connections (not
   /// from a direct handler). Nothing happens if the server does not run.
   void stop();
+  /// A graceful stop(): no new connections or requests are taken, the
+  /// requests in flight have up to limit to be answered, those left are
+  /// answered with -32001 "Server shutting down", and then it stops.
+  void stop(const ACE_Time_Value& limit);
 
   bool running() const { return running_; }
   /// The address bound, with the real port (after start()).
