@@ -60,7 +60,7 @@ struct TCP_Acceptor::Shared : std::enable_shared_from_this<TCP_Acceptor::Shared>
   std::vector<JSON_RPC_Channel_Strong_Ptr> live;
 };
 
-TCP_Acceptor::TCP_Acceptor() : listen_fd_(-1), loop_(nullptr), paused_(false), out_of_descriptors_(false) {}
+TCP_Acceptor::TCP_Acceptor() : listen_fd_(-1), own_reactor_(false), loop_(nullptr), paused_(false), out_of_descriptors_(false) {}
 
 TCP_Acceptor::~TCP_Acceptor() { close(true); }
 
@@ -87,6 +87,7 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
   ::fcntl(listen_fd_, F_SETFD, FD_CLOEXEC);
   ::fcntl(listen_fd_, F_SETFL, ::fcntl(listen_fd_, F_GETFL) | O_NONBLOCK);
 
+  own_reactor_ = !options.reactor;
   reactor_ = options.reactor ? options.reactor : TCP_Reactor::make(options.io_threads);
   if (!reactor_)
   {
@@ -168,8 +169,13 @@ void TCP_Acceptor::close(bool close_connections)
     live.swap(shared_->live);
   }
   if (close_connections)
+  {
     for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
       TCP_Channel::cast(channel)->close();
+    // Nothing of the connections runs any more when this returns.
+    if (own_reactor_)
+      reactor_->stop();
+  }
   // Connections left open hold the reactor until they end.
   live.clear();
   shared_.reset();

@@ -34,7 +34,7 @@ public:
   unsigned short port() const { return local_addr_.get_port_number(); }
 
   /// Stops accepting. With close_connections every connection is closed too,
-  /// and has been deregistered when it returns. Without, they go on, each
+  /// and the reactor the acceptor made stopped, when it returns. Without, they go on, each
   /// until its peer leaves or it is closed.
   void close(bool close_connections = true);
 
@@ -62,6 +62,7 @@ private:
   ACE_INET_Addr local_addr_;
   TCP_Options options_;
   std::shared_ptr<TCP_Reactor> reactor_;
+  bool own_reactor_; // made here, stopped here
   TCP_Reactor::Loop* loop_;
   // On the loop's thread:
   bool paused_;             // out of descriptors, or at the cap

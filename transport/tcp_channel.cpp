@@ -143,7 +143,7 @@ void TCP_Channel::Output::drop()
 
 TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
   : options_(options), fd_(stream.get_handle()), closing_(false), closed_here_(false), registered_(false),
-    loop_(nullptr), input_end_(INPUT_OPEN), framing_failed_(false), dispatching_(0), reading_on_(false), finished_(false), lingered_(0),
+    own_reactor_(false), loop_(nullptr), input_end_(INPUT_OPEN), framing_failed_(false), dispatching_(0), reading_on_(false), finished_(false), lingered_(0),
     over_since_(), interest_(0), watched_(false), paused_in_flight_(false), paused_forward_(false),
     stopped_reading_(false), shut_when_sent_(false), ended_(false), io_adapter_(io_lock_), output_failed_(false),
     streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map)
@@ -173,7 +173,7 @@ TCP_Channel* TCP_Channel::cast(const JSON_RPC_Channel_Strong_Ptr& channel)
   return dynamic_cast<TCP_Channel*>(channel.get());
 }
 
-int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor)
+int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor, bool own)
 {
   TCP_Channel* channel = cast(self);
   if (!channel || !reactor)
@@ -182,10 +182,10 @@ int TCP_Channel::start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<T
     errno = EINVAL;
     return -1;
   }
-  return channel->start_i(self, reactor);
+  return channel->start_i(self, reactor, own);
 }
 
-int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor)
+int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor, bool own)
 {
   self_ = JSON_RPC_Channel_Weak_Ptr(self);
   id(peer_);
@@ -214,6 +214,7 @@ int TCP_Channel::start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr
   if (options_.use_pool)
     JSON_RPC_Channel_Pool::instance()->insert(self_);
   reactor_ = reactor;
+  own_reactor_ = own;
   loop_ = reactor->next_loop();
   keep_ = self;
   loop_->post([this]() {
@@ -253,8 +254,13 @@ void TCP_Channel::close()
     loop_->post([self, this]() { settle(); });
   if (TCP_Reactor::current() == loop_)
     return;
-  std::unique_lock<std::mutex> lock(state_lock_);
-  ended_changed_.wait(lock, [this]() { return ended_; });
+  {
+    std::unique_lock<std::mutex> lock(state_lock_);
+    ended_changed_.wait(lock, [this]() { return ended_; });
+  }
+  // Nothing of the connection runs any more when this returns.
+  if (own_reactor_)
+    reactor_->stop();
 }
 
 void TCP_Channel::settle()
@@ -293,9 +299,7 @@ void TCP_Channel::settle()
     queue_.clear();
     in_flight_.clear();
     forwarders.swap(forwarders_);
-    ended_ = true;
   }
-  ended_changed_.notify_all();
   wake(forwarders);
   frames_.reset();
   pending_.clear();
@@ -305,6 +309,12 @@ void TCP_Channel::settle()
   JSON_RPC_Channel_Strong_Ptr last = keep_;
   keep_ = JSON_RPC_Channel_Strong_Ptr();
   loop_->post([last]() {});
+  // Last: a closer that waits for it may take everything down at once.
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    ended_ = true;
+  }
+  ended_changed_.notify_all();
 }
 
 void TCP_Channel::deregister()

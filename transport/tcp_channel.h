@@ -93,9 +93,10 @@ public:
   static TCP_Channel* cast(const JSON_RPC_Channel_Strong_Ptr& channel);
 
   /// Runs options().on_connect, registers the channel and hands the
-  /// connection to a loop of reactor. self must own the channel. -1 if
+  /// connection to a loop of reactor. self must own the channel. With own,
+  /// the reactor serves this connection alone, and close() stops it. -1 if
   /// the connection was refused; it is closed then.
-  static int start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor);
+  static int start(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor, bool own = false);
 
   /// Ends the connection. It returns once the I/O thread has deregistered
   /// the channel, except on that I/O thread itself (a handler closing a
@@ -197,7 +198,7 @@ private:
     INPUT_BROKEN  // bad framing: the error is answered before the end
   };
 
-  int start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor);
+  int start_i(JSON_RPC_Channel_Strong_Ptr self, const std::shared_ptr<TCP_Reactor>& reactor, bool own);
   void handle_events(uint32_t events) override;
   void handle_tick(Clock::time_point now) override;
 
@@ -245,6 +246,7 @@ private:
   JSON_RPC_Wait_List waits_;
   bool registered_;
   std::shared_ptr<TCP_Reactor> reactor_;
+  bool own_reactor_;
   TCP_Reactor::Loop* loop_;
 
   // On the I/O thread only:

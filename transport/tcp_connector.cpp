@@ -32,7 +32,7 @@ int TCP_Connector::connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_
   }
   JSON_RPC_Channel_Strong_Ptr started(tcp);
   std::shared_ptr<TCP_Reactor> reactor = options.reactor ? options.reactor : TCP_Reactor::make(1);
-  if (!reactor || TCP_Channel::start(started, reactor) == -1)
+  if (!reactor || TCP_Channel::start(started, reactor, !options.reactor) == -1)
     return -1;
   channel = started;
   return 0;

@@ -231,8 +231,14 @@ std::shared_ptr<TCP_Reactor> TCP_Reactor::make(size_t threads)
   return reactor;
 }
 
-TCP_Reactor::~TCP_Reactor()
+TCP_Reactor::~TCP_Reactor() { stop(); }
+
+void TCP_Reactor::stop()
 {
+  std::lock_guard<std::mutex> once(stop_lock_);
+  if (stopped_)
+    return;
+  stopped_ = true;
   for (const std::shared_ptr<Loop>& loop : loops_)
   {
     {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 /// What a loop calls for one registered descriptor, always on the loop's
@@ -45,10 +46,15 @@ public:
   /// threads 0: as many as the machine has processors. Null with errno if
   /// a thread or an epoll set can't be made.
   static std::shared_ptr<TCP_Reactor> make(size_t threads = 0);
+  /// stop().
   ~TCP_Reactor();
   TCP_Reactor(const TCP_Reactor&) = delete;
   TCP_Reactor& operator=(const TCP_Reactor&) = delete;
 
+  /// Ends the threads once they have run the work posted so far and joins
+  /// them; one of its own threads it lets finish by itself. Descriptors
+  /// still watched then are no longer served: end their connections first.
+  void stop();
   /// The loop that takes the next descriptor, in turn.
   Loop* next_loop();
   size_t threads() const { return loops_.size(); }
@@ -56,9 +62,11 @@ public:
   static Loop* current();
 
 private:
-  TCP_Reactor() : next_(0) {}
+  TCP_Reactor() : next_(0), stopped_(false) {}
   std::vector<std::shared_ptr<Loop>> loops_;
   size_t next_;
+  std::mutex stop_lock_;
+  bool stopped_;
 };
 
 /// One I/O thread and its epoll set.
