@@ -57,16 +57,12 @@ namespace
 yajl_callbacks const* get_yajl_default_callbacks() { return &default_callbacks; }
 
 YAJL_Feeder::YAJL_Feeder()
-  : carry_fed_(false), lex_(0), lex_left_(0), odd_blank_(false), data_(nullptr), length_(0), blocks_(), block_count_(0),
+  : carry_fed_(false), lex_(0), lex_left_(0), odd_blank_(false), data_(nullptr), length_(0),
     alloc_funcs_{block_malloc, block_realloc, block_free, this}
 {
 }
 
-YAJL_Feeder::~YAJL_Feeder()
-{
-  for (size_t i = 0; i < block_count_; ++i)
-    std::free(blocks_[i]);
-}
+YAJL_Feeder::~YAJL_Feeder() {}
 
 namespace
 {
@@ -78,6 +74,25 @@ namespace
 
   void* payload(Block_Header* h) { return h + 1; }
   Block_Header* header(void* block) { return static_cast<Block_Header*>(block) - 1; }
+
+  // A handle takes six blocks, the largest 2 KB, on each message. They are
+  // kept by the thread, not by the feeder: a thread parses many feeders'
+  // messages in turn, and a feeder between messages (an idle connection)
+  // then holds nothing. Only blocks up to kept_size are kept.
+  struct Block_Cache
+  {
+    static const size_t kept_blocks = 16;
+    static const size_t kept_size = 4096;
+    ~Block_Cache()
+    {
+      for (size_t i = 0; i < count; ++i)
+        std::free(blocks[i]);
+    }
+    void* blocks[kept_blocks] = {};
+    size_t count = 0;
+  };
+
+  thread_local Block_Cache block_cache;
 }
 
 yajl_handle YAJL_Feeder::alloc_handle(YAJL_Handler& handler)
@@ -89,18 +104,19 @@ void* YAJL_Feeder::block_malloc(void* ctx, size_t size)
 {
   // The smallest kept block that fits, so that a small request does not
   // take the block a buffer will ask for next.
-  YAJL_Feeder* f = static_cast<YAJL_Feeder*>(ctx);
-  size_t best = f->block_count_;
-  for (size_t i = 0; i < f->block_count_; ++i)
+  (void)ctx;
+  Block_Cache& c = block_cache;
+  size_t best = c.count;
+  for (size_t i = 0; i < c.count; ++i)
   {
-    size_t capacity = static_cast<Block_Header*>(f->blocks_[i])->capacity;
-    if (capacity >= size && (best == f->block_count_ || capacity < static_cast<Block_Header*>(f->blocks_[best])->capacity))
+    size_t capacity = static_cast<Block_Header*>(c.blocks[i])->capacity;
+    if (capacity >= size && (best == c.count || capacity < static_cast<Block_Header*>(c.blocks[best])->capacity))
       best = i;
   }
-  if (best < f->block_count_)
+  if (best < c.count)
   {
-    Block_Header* h = static_cast<Block_Header*>(f->blocks_[best]);
-    f->blocks_[best] = f->blocks_[--f->block_count_];
+    Block_Header* h = static_cast<Block_Header*>(c.blocks[best]);
+    c.blocks[best] = c.blocks[--c.count];
     return payload(h);
   }
   Block_Header* h = static_cast<Block_Header*>(std::malloc(sizeof(Block_Header) + size));
@@ -128,10 +144,11 @@ void YAJL_Feeder::block_free(void* ctx, void* block)
 {
   if (!block)
     return;
-  YAJL_Feeder* f = static_cast<YAJL_Feeder*>(ctx);
+  (void)ctx;
+  Block_Cache& c = block_cache;
   Block_Header* h = header(block);
-  if (h->capacity <= kept_size && f->block_count_ < kept_blocks)
-    f->blocks_[f->block_count_++] = h;
+  if (h->capacity <= Block_Cache::kept_size && c.count < Block_Cache::kept_blocks)
+    c.blocks[c.count++] = h;
   else
     std::free(h);
 }
@@ -190,7 +207,11 @@ namespace
 void YAJL_Feeder::reset()
 {
   std::string().swap(carry_);
-  unscanned_.clear();
+  // Kept for the next message if small: a reader between messages holds little.
+  if (unscanned_.capacity() > 256)
+    std::string().swap(unscanned_);
+  else
+    unscanned_.clear();
   carry_fed_ = false;
   lex_ = LEX_VALUE;
   lex_left_ = 0;

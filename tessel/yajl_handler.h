@@ -102,12 +102,7 @@ private:
   static void* block_malloc(void* ctx, size_t size);
   static void* block_realloc(void* ctx, void* block, size_t size);
   static void block_free(void* ctx, void* block);
-  // A handle takes six blocks, the largest 2 KB; its buffers grow with
-  // long tokens, and only blocks up to kept_size are kept.
-  static const size_t kept_blocks = 8;
-  static const size_t kept_size = 4096;
-  void* blocks_[kept_blocks];
-  size_t block_count_;
+  // The handle's memory comes from blocks the thread keeps.
   yajl_alloc_funcs alloc_funcs_;
 };
 

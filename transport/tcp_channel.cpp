@@ -31,8 +31,9 @@ namespace
   typedef std::chrono::steady_clock Clock;
 
   const size_t write_chunk = 64 * 1024;
-  // A buffer that grew for a large message is given back after it.
-  const size_t keep_capacity = 1024 * 1024;
+  // A buffer that grew for a large message is given back after it: idle
+  // connections hold little.
+  const size_t keep_capacity = 4096;
   // After bad input the peer's remaining bytes are read and dropped for a
   // while, so that closing doesn't reset the connection before the error
   // response has reached the peer.
@@ -49,6 +50,26 @@ namespace
   // queue meanwhile.
   thread_local TCP_Channel* feeding = nullptr;
   thread_local bool pressed = false;
+
+  // Whole messages are written by a writer of the writing thread: a writer
+  // holds a generator and a 4 KiB batch, too much to keep for every idle
+  // connection. A generator that sends while it generates gets one of its
+  // own.
+  template <class Write>
+  bool with_writer(Write write)
+  {
+    thread_local JSON_RPC_Writer writer;
+    thread_local bool busy = false;
+    if (busy)
+    {
+      JSON_RPC_Writer nested;
+      return write(nested);
+    }
+    busy = true;
+    bool ok = write(writer);
+    busy = false;
+    return ok;
+  }
 
   void nothing_to_dispatch(const std::string& peer)
   {
@@ -635,8 +656,10 @@ void TCP_Channel::answered(const json_spirit::Value& id)
       resume = true;
     }
   }
+  if (!resume)
+    return;
   JSON_RPC_Channel_Strong_Ptr self(self_);
-  if (resume && !self.null())
+  if (!self.null())
     loop_->post([self, this]() { resume_input(); });
 }
 
@@ -776,7 +799,7 @@ void TCP_Channel::settle_stream()
   if (!streaming_)
     return;
   streaming_ = false;
-  writer_.close();
+  stream_writer_->close();
   if (output_.sent_some())
     fail_output(EPROTO);
   else
@@ -823,20 +846,25 @@ int TCP_Channel::send_object(JSON_RPC_Object_Ptr object)
   if (is_response(*object))
     answered(object->id);
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
-  return write_message([&](Output& out) { return writer_.write(*object, out); });
+  return write_message(
+    [&](Output& out) { return with_writer([&](JSON_RPC_Writer& writer) { return writer.write(*object, out); }); });
 }
 
 int TCP_Channel::send_generator(JSON_Generator& generator)
 {
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
-  return write_message([&](Output& out) { return writer_.write(generator, out); });
+  return write_message(
+    [&](Output& out) { return with_writer([&](JSON_RPC_Writer& writer) { return writer.write(generator, out); }); });
 }
 
 yajl_gen_t* TCP_Channel::send_begin()
 {
   settle_stream();
   output_.begin(!writable());
-  yajl_gen_t* gen = writer_.open(output_);
+  // Only connections that forwards stream to keep a writer of their own.
+  if (!stream_writer_)
+    stream_writer_.reset(new (std::nothrow) JSON_RPC_Writer);
+  yajl_gen_t* gen = stream_writer_ ? stream_writer_->open(output_) : nullptr;
   if (gen)
     streaming_ = true;
   return gen;
@@ -850,7 +878,7 @@ int TCP_Channel::send_end()
     errno = EINVAL;
     return -1;
   }
-  writer_.close();
+  stream_writer_->close();
   bool discarded = output_.discarding();
   int error = output_.end();
   streaming_ = false;

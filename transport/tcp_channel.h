@@ -284,9 +284,8 @@ private:
   bool output_failed_;
   bool streaming_;
   int io_state_;
-  // Whole and streamed messages alike (a stream is settled before a whole
-  // message starts); kept, so that its generator serves them all.
-  JSON_RPC_Writer writer_;
+  // Streamed messages' writer; made by the first.
+  std::unique_ptr<JSON_RPC_Writer> stream_writer_;
   Output output_;
 
   ACE_Thread_Mutex forward_lock_;

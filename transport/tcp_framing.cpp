@@ -160,9 +160,10 @@ int TCP_Frame_Reader::finish(const Handler& handler)
     return 0;
   }
   bool go_on = handler(reader_);
-  // The reader's hold on the message goes now, not when the next one
-  // starts: freeing it then would delay that message.
-  reader_.clear();
+  // The reader's hold on the message, and its parser, go now, not when
+  // the next one starts: freeing them then would delay that message, and
+  // an idle connection holds nothing.
+  reader_.close();
   return go_on ? 0 : 1;
 }
 

@@ -40,7 +40,7 @@ void TCP_Output_Queue::keep(const char* data, size_t length)
 int TCP_Output_Queue::push(int fd, const char* head, size_t head_length, std::string& body)
 {
   size_t written = 0;
-  if (pieces_.empty())
+  if (bytes_ == 0)
   {
     struct iovec iov[2] = {{const_cast<char*>(head), head_length}, {&body[0], body.size()}};
     ssize_t n = send_some(fd, head_length ? iov : iov + 1, head_length ? 2 : 1);
@@ -67,15 +67,15 @@ int TCP_Output_Queue::push(int fd, const char* head, size_t head_length, std::st
 
 int TCP_Output_Queue::drain(int fd)
 {
-  while (!pieces_.empty())
+  while (bytes_ > 0)
   {
     struct iovec iov[max_iov];
     int count = 0;
-    for (auto i = pieces_.begin(); i != pieces_.end() && count < max_iov; ++i, ++count)
+    for (size_t i = first_; i < pieces_.size() && count < max_iov; ++i, ++count)
     {
       size_t skip = count == 0 ? offset_ : 0;
-      iov[count].iov_base = &(*i)[skip];
-      iov[count].iov_len = i->size() - skip;
+      iov[count].iov_base = &pieces_[i][skip];
+      iov[count].iov_len = pieces_[i].size() - skip;
     }
     ssize_t n = send_some(fd, iov, count);
     if (n < 0)
@@ -86,15 +86,23 @@ int TCP_Output_Queue::drain(int fd)
     bytes_ -= done;
     while (done > 0)
     {
-      size_t left = pieces_.front().size() - offset_;
+      size_t left = pieces_[first_].size() - offset_;
       if (done < left)
       {
         offset_ += done;
         break;
       }
       done -= left;
-      pieces_.pop_front();
+      std::string().swap(pieces_[first_++]);
       offset_ = 0;
+    }
+    if (bytes_ == 0)
+      clear();
+    else if (first_ > 64 && first_ * 2 > pieces_.size())
+    {
+      // A peer that never quite catches up: the written pieces go.
+      pieces_.erase(pieces_.begin(), pieces_.begin() + static_cast<std::ptrdiff_t>(first_));
+      first_ = 0;
     }
   }
   return 0;
@@ -102,7 +110,8 @@ int TCP_Output_Queue::drain(int fd)
 
 void TCP_Output_Queue::clear()
 {
-  pieces_.clear();
+  std::vector<std::string>().swap(pieces_);
+  first_ = 0;
   bytes_ = 0;
   offset_ = 0;
 }

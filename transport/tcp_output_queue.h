@@ -5,8 +5,8 @@
 #include "transport/tcp_export.h"
 
 #include <cstddef>
-#include <deque>
 #include <string>
+#include <vector>
 
 /// Whole messages, or pieces of one, in the order they were written. A
 /// push writes at once what the socket takes when nothing waits before it,
@@ -17,7 +17,7 @@
 class JSON_RPC_TCP_EXPORT TCP_Output_Queue
 {
 public:
-  TCP_Output_Queue() : bytes_(0), offset_(0) {}
+  TCP_Output_Queue() : first_(0), bytes_(0), offset_(0) {}
 
   /// Queues head and then body (body's text may be taken over). 0, or the
   /// errno of a write that failed for good (the connection is then broken).
@@ -32,7 +32,9 @@ public:
 private:
   void keep(const char* data, size_t length);
 
-  std::deque<std::string> pieces_;
+  // A vector, not a deque: an empty deque still holds two allocations.
+  std::vector<std::string> pieces_;
+  size_t first_;  // pieces before it are written
   size_t bytes_;
   size_t offset_; // into the first piece, already written
 };

@@ -32,6 +32,7 @@ struct TCP_Reactor::Loop::Posts
 {
   std::mutex lock;
   std::vector<std::function<void()>> work;
+  bool ended = false; // the thread has left its loop
   std::thread thread;
 };
 
@@ -111,8 +112,15 @@ void TCP_Reactor::Loop::post(std::function<void()> work)
   bool first;
   {
     std::lock_guard<std::mutex> guard(posts_->lock);
-    first = posts_->work.empty();
-    posts_->work.push_back(std::move(work));
+    // Work for a loop that has ended is dropped here: kept, what it holds
+    // (a connection, which holds the reactor) would never go.
+    if (posts_->ended)
+      first = false;
+    else
+    {
+      first = posts_->work.empty();
+      posts_->work.push_back(std::move(work));
+    }
   }
   if (first)
   {
@@ -160,7 +168,10 @@ void TCP_Reactor::Loop::run(unsigned long log_mask, void* log_callback)
     {
       std::lock_guard<std::mutex> guard(posts_->lock);
       if (stop_ && posts_->work.empty())
+      {
+        posts_->ended = true;
         break;
+      }
     }
     auto now = std::chrono::steady_clock::now();
     int wait = now >= next_tick ? 0 : static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(next_tick - now).count()) + 1;
