@@ -4,6 +4,8 @@
 //   host         jsonrpc-host with examples/svc.conf, whose echo is direct
 //   epoll floor  epoll_floor: one thread, epoll, a fixed answer, no JSON
 //   sourcegraph  Go's sourcegraph/jsonrpc2 (go_echo), if go was found
+//   ace, ace:N   ace_floor: the epoll floor on ACE's Dev_Poll reactor,
+//                with 1 or N reactor threads (only when listed)
 // Each figure comes from a fresh server process:
 //   load   at each connection count, the connections opened as for idle,
 //          then after a warm-up a timed window: calls/s, p50 and p99
@@ -22,6 +24,7 @@
 // Usage: server_bench [--connections 1,8,64,256,1000] [--warmup S]
 //        [--window S] [--idle N] [--storm N] [--storm-limit S]
 //        [--call-limit S] [--repeat N] [--servers host,floor,sourcegraph]
+//        (further kinds for --servers: ace, ace:N)
 // (defaults: those shown, 0.5 s warm-up, 2 s window, 10000 idle, a storm
 // of 1000 within 60 s, 10 s per call, 3 repetitions taking turns)
 #include "echo_wire.h"
@@ -87,6 +90,19 @@ namespace
     return !out.empty();
   }
 
+  /// The reactor threads of an "ace" or "ace:N" kind (N from 1 to 64);
+  /// 0 for any other kind.
+  int ace_threads(const std::string& kind)
+  {
+    if (kind == "ace")
+      return 1;
+    if (kind.compare(0, 4, "ace:") != 0 || kind.size() == 4)
+      return 0;
+    char* end = nullptr;
+    long n = std::strtol(kind.c_str() + 4, &end, 10);
+    return *end == 0 && n >= 1 && n <= 64 ? static_cast<int>(n) : 0;
+  }
+
   bool parse(int argc, char** argv, Options& o)
   {
     for (int i = 1; i + 1 < argc; i += 2)
@@ -107,7 +123,7 @@ namespace
         return false;
     }
     for (const std::string& s : o.servers)
-      if (s != "host" && s != "floor" && s != "sourcegraph")
+      if (s != "host" && s != "floor" && s != "sourcegraph" && !ace_threads(s))
         return false;
     for (int n : o.connections)
       if (n <= 0)
@@ -182,8 +198,10 @@ namespace
 
   // ------------------------------------------------------------- servers
 
-  const char* label(const std::string& kind)
+  std::string label(const std::string& kind)
   {
+    if (int threads = ace_threads(kind))
+      return threads == 1 ? "ACE Dev_Poll floor" : "ACE Dev_Poll floor, " + std::to_string(threads) + " threads";
     return kind == "host" ? "host echo" : kind == "floor" ? "epoll floor" : "sourcegraph/jsonrpc2";
   }
 
@@ -202,6 +220,11 @@ namespace
       }
       else if (kind == "floor")
         program = EPOLL_FLOOR;
+      else if (int threads = ace_threads(kind))
+      {
+        program = ACE_FLOOR;
+        args = {std::to_string(threads)};
+      }
       else
       {
         program = GO_ECHO;
@@ -698,7 +721,7 @@ int main(int argc, char** argv)
     std::fprintf(stderr,
                  "usage: server_bench [--connections 1,8,64,256,1000] [--warmup S] [--window S] [--idle N]\n"
                  "                    [--storm N] [--storm-limit S] [--call-limit S] [--repeat N]\n"
-                 "                    [--servers host,floor,sourcegraph]\n");
+                 "                    [--servers host,floor,sourcegraph] (further kinds: ace, ace:N)\n");
     return 2;
   }
   // The servers inherit the raised limit.
@@ -788,6 +811,21 @@ int main(int argc, char** argv)
     if (load.count({"host", n}) && load.count({"floor", n}))
       rows.push_back({"CPU per call, host / epoll floor, " + std::to_string(n) + " connections",
                       ratio(load[{"host", n}].cpu_us_per_call, load[{"floor", n}].cpu_us_per_call)});
+  // What the reactor costs beyond the loop of the floor's own.
+  for (const std::string& kind : o.servers)
+    if (int threads = ace_threads(kind))
+    {
+      std::string ace = "ACE floor" + (threads > 1 ? " (" + std::to_string(threads) + " threads)" : std::string());
+      for (int n : {8, 64, 256})
+        if (load.count({kind, n}) && load.count({"floor", n}))
+        {
+          const Load_Row &a = load[{kind, n}], &f = load[{"floor", n}];
+          std::string at = ", " + std::to_string(n) + " connections";
+          rows.push_back(
+            {"CPU per call: " + ace + " / epoll floor" + at, ratio(a.cpu_us_per_call, f.cpu_us_per_call)});
+          rows.push_back({"calls/s: " + ace + " / epoll floor" + at, ratio(a.calls_per_s, f.calls_per_s)});
+        }
+    }
   for (int n : o.connections)
     if (load.count({"host", n}) && load.count({"sourcegraph", n}))
       rows.push_back({"calls/s, host / sourcegraph, " + std::to_string(n) + (n == 1 ? " connection" : " connections"),
@@ -813,7 +851,7 @@ int main(int argc, char** argv)
     rows.push_back({"storm: host time / epoll floor time", value});
   }
   if (rows.empty())
-    rows.push_back({"(none: they need the host beside the floor or sourcegraph)", ""});
+    rows.push_back({"(none: they need the host or ACE beside the floor, or the host beside sourcegraph)", ""});
   print_table("Ratios", {"figure", "value"}, rows);
   return 0;
 }

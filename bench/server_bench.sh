@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds server_bench (Release) with jsonrpc-host, the example handlers, the
-# epoll floor and, if Go is installed, the sourcegraph/jsonrpc2 echo server,
-# then runs it. Usage: bench/server_bench.sh [BUILD_DIR] [server_bench options]
+# epoll and ACE floors and, if Go is installed, the sourcegraph/jsonrpc2 echo
+# server, then runs it. Usage: bench/server_bench.sh [BUILD_DIR] [server_bench options]
 # (default BUILD_DIR: build-bench beside this folder's parent).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
