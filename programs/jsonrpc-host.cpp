@@ -53,6 +53,11 @@ namespace
     "                           do not count\n"
     "  --max-connections N      connections open at once; one more is closed\n"
     "                           as soon as it is accepted (default 0: no limit)\n"
+    "  --max-in-flight N        requests of one connection read and not yet\n"
+    "                           answered, past which it is not read until\n"
+    "                           answers go out (default 1024; 0: no limit)\n"
+    "  --io-threads N           threads that serve the connections (default 0:\n"
+    "                           one for each processor)\n"
     "  --check                  load the configuration and every handler file,\n"
     "                           print what loaded and what failed, and exit\n"
     "                           without listening\n"
@@ -75,6 +80,20 @@ namespace
     bool check = false;
     bool help = false;
   };
+
+  // Beyond this a value is surely a slip.
+  const long long max_io_threads = 1024;
+
+  // The option's value, a whole number from 0 to high.
+  template <typename T>
+  bool count(program::Args& args, T& out, long long high = LLONG_MAX)
+  {
+    long long n;
+    if (!args.number(n, 0, high))
+      return false;
+    out = static_cast<T>(n);
+    return true;
+  }
 
   bool parse(program::Args& args, Options& o)
   {
@@ -109,17 +128,23 @@ namespace
       }
       else if (args.is("--max-connections"))
       {
-        long long count;
-        if (!args.number(count, 0, LLONG_MAX))
+        if (!count(args, o.tcp.max_connections))
           return false;
-        o.tcp.max_connections = static_cast<size_t>(count);
       }
       else if (args.is("--max-message-size"))
       {
-        long long size;
-        if (!args.number(size, 0, LLONG_MAX))
+        if (!count(args, o.tcp.max_message_size))
           return false;
-        o.tcp.max_message_size = static_cast<unsigned long long>(size);
+      }
+      else if (args.is("--max-in-flight"))
+      {
+        if (!count(args, o.tcp.max_requests_in_flight))
+          return false;
+      }
+      else if (args.is("--io-threads"))
+      {
+        if (!count(args, o.tcp.io_threads, max_io_threads))
+          return false;
       }
       else
         return args.unknown();

@@ -47,7 +47,8 @@ expect() {
 # Arguments: help, and refusals that name what they refuse.
 for h in -h --help; do
   out=$("$host" "$h" 2>&1) || fail "$h exited $?"
-  for word in --listen --svc-conf --framing --max-message-size --check --verbose 'Exit status' '  0  ' '  1  ' '  2  '; do
+  for word in --listen --svc-conf --framing --max-message-size --max-in-flight --io-threads \
+              --check --verbose 'Exit status' '  0  ' '  1  ' '  2  '; do
     grep -qF -- "$word" <<< "$out" || fail "$h does not list $word"
   done
 done
@@ -60,6 +61,8 @@ done <<'ROWS'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --bogus|jsonrpc-host: unknown option '--bogus'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --framing lines|bad value 'lines' for --framing
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --max-message-size -1|bad value '-1' for --max-message-size
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --max-in-flight 1k|bad value '1k' for --max-in-flight
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --io-threads 1025|bad value '1025' for --io-threads
 --listen nowhere --svc-conf examples/svc.conf|bad value 'nowhere' for --listen
 --svc-conf examples/svc.conf|--listen HOST:PORT is needed
 --check|--svc-conf FILE is needed
@@ -255,6 +258,31 @@ exec {one}>&-
 answered_soon || fail "no call answered under the cap once a connection ended"
 exec {two}>&-
 kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the capped host did not stop cleanly"
+
+# --io-threads: the I/O threads, by name, once they have all started.
+start_host threads --svc-conf examples/svc.conf --io-threads 3
+for _ in $(seq 1 50); do
+  io=$(cat /proc/"${pids[-1]}"/task/*/comm 2> /dev/null | grep -cx tcp-io)
+  [ "$io" -ge 3 ] && break
+  sleep 0.1
+done
+[ "$io" -eq 3 ] || fail "--io-threads 3 runs $io I/O threads"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with 3 I/O threads did not stop cleanly"
+
+# --max-in-flight 1: a connection's second request is read only once its
+# first is answered, so a short sleep sent behind a long one starts, and
+# ends, after it (without the cap the short one ends first). The transport
+# lets the next request in as the answer starts to go out, so an echo
+# there could still overtake it.
+start_host one-in-flight --svc-conf examples/svc.conf --framing ndjson --max-in-flight 1
+exec {raw}<> "/dev/tcp/127.0.0.1/$PORT" || fail "no raw connection"
+printf '{"jsonrpc":"2.0","id":1,"method":"slow.sleep","params":300}\n{"jsonrpc":"2.0","id":2,"method":"slow.sleep","params":50}\n' >&$raw
+read -r -t 10 first <&$raw
+read -r -t 10 second <&$raw
+exec {raw}>&-
+[ "$first" = '{"jsonrpc":"2.0","id":1,"result":300}' ] && [ "$second" = '{"jsonrpc":"2.0","id":2,"result":50}' ] ||
+  fail "--max-in-flight 1 answered '$first' then '$second'"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with one request in flight did not stop cleanly"
 
 # Clean stop of the main host.
 kill -TERM "$main_pid"
