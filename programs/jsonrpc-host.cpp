@@ -10,19 +10,25 @@
 #include "json_rpc/json_rpc_service.h"
 #include "json_rpc/json_rpc_thread_pool_handler.h"
 #include "transport/tcp_acceptor.h"
+#include "transport/tcp_channel.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
 #include <ace/Log_Record.h>
 #include <ace/Service_Config.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <mutex>
 #include <sys/resource.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -37,10 +43,17 @@ namespace
     "filters and REST creators. After loading, one line on standard error says\n"
     "how many of each loaded and how many loads failed. Once it listens, the\n"
     "program prints \"listening on ADDRESS:PORT\" on standard output (port 0\n"
-    "picks a free one). It serves until SIGINT or SIGTERM, then stops: no more\n"
-    "connections, every connection closed, the services finalized. A load\n"
-    "that fails is logged, and the program serves what did load. At start it\n"
-    "raises its limit of open descriptors to the most the system lets it have.\n"
+    "picks a free one). A load that fails is logged, and the program serves\n"
+    "what did load. At start it raises its limit of open descriptors to the\n"
+    "most the system lets it have.\n"
+    "\n"
+    "It serves until SIGINT or SIGTERM, then stops in this order: it accepts\n"
+    "and reads no more; the requests in flight have up to the drain time to be\n"
+    "answered; those left are answered with error -32001 \"Server shutting\n"
+    "down\"; each peer gets what is queued for it and its connection is\n"
+    "closed; the thread pool is deactivated, waiting for the calls it runs;\n"
+    "the service and the handler libraries are unloaded. A second signal\n"
+    "during the drain closes every connection at once, unanswered.\n"
     "\n"
     "Options:\n"
     "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6)\n"
@@ -53,6 +66,14 @@ namespace
     "                           do not count\n"
     "  --max-connections N      connections open at once; one more is closed\n"
     "                           as soon as it is accepted (default 0: no limit)\n"
+    "  --max-in-flight N        requests of one connection read and not yet\n"
+    "                           answered, past which it is not read until\n"
+    "                           answers go out (default 1024; 0: no limit)\n"
+    "  --io-threads N           threads that serve the connections (default 0:\n"
+    "                           one for each processor)\n"
+    "  --drain-time SECONDS     on SIGINT or SIGTERM, how long the requests in\n"
+    "                           flight have to be answered (default 10; 0: those\n"
+    "                           in flight are answered with -32001 at once)\n"
     "  --check                  load the configuration and every handler file,\n"
     "                           print what loaded and what failed, and exit\n"
     "                           without listening\n"
@@ -71,10 +92,26 @@ namespace
     std::string listen;
     std::string svc_conf;
     TCP_Options tcp;
+    int drain_seconds = 10;
     bool verbose = false;
     bool check = false;
     bool help = false;
   };
+
+  // Beyond these a value is surely a slip.
+  const long long max_io_threads = 1024;
+  const long long max_drain_seconds = 24 * 3600;
+
+  // The option's value, a whole number from 0 to high.
+  template <typename T>
+  bool count(program::Args& args, T& out, long long high = LLONG_MAX)
+  {
+    long long n;
+    if (!args.number(n, 0, high))
+      return false;
+    out = static_cast<T>(n);
+    return true;
+  }
 
   bool parse(program::Args& args, Options& o)
   {
@@ -109,17 +146,28 @@ namespace
       }
       else if (args.is("--max-connections"))
       {
-        long long count;
-        if (!args.number(count, 0, LLONG_MAX))
+        if (!count(args, o.tcp.max_connections))
           return false;
-        o.tcp.max_connections = static_cast<size_t>(count);
       }
       else if (args.is("--max-message-size"))
       {
-        long long size;
-        if (!args.number(size, 0, LLONG_MAX))
+        if (!count(args, o.tcp.max_message_size))
           return false;
-        o.tcp.max_message_size = static_cast<unsigned long long>(size);
+      }
+      else if (args.is("--max-in-flight"))
+      {
+        if (!count(args, o.tcp.max_requests_in_flight))
+          return false;
+      }
+      else if (args.is("--io-threads"))
+      {
+        if (!count(args, o.tcp.io_threads, max_io_threads))
+          return false;
+      }
+      else if (args.is("--drain-time"))
+      {
+        if (!count(args, o.drain_seconds, max_drain_seconds))
+          return false;
       }
       else
         return args.unknown();
@@ -146,6 +194,78 @@ namespace
     }
     std::atomic<int> failures;
   };
+
+  // The connections that are up, so that a second signal can close them
+  // all at once and cut the drain short. Once cut, none is taken.
+  class Connections
+  {
+  public:
+    void watch(TCP_Options& options)
+    {
+      options.on_connect = [this](TCP_Channel& channel) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (cut_)
+          return -1;
+        up_.push_back(channel.weak());
+        return 0;
+      };
+      options.on_close = [this](TCP_Channel& channel) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        up_.erase(std::remove(up_.begin(), up_.end(), channel.weak()), up_.end());
+      };
+    }
+
+    void cut()
+    {
+      std::vector<JSON_RPC_Channel_Weak_Ptr> up;
+      {
+        std::lock_guard<std::mutex> guard(mutex_);
+        cut_ = true;
+        up = up_;
+      }
+      // Unlocked: close() waits for the I/O thread, which runs on_close.
+      for (const JSON_RPC_Channel_Weak_Ptr& weak : up)
+      {
+        JSON_RPC_Channel_Strong_Ptr channel(weak);
+        if (!channel.null())
+          TCP_Channel::cast(channel)->close();
+      }
+    }
+
+  private:
+    std::mutex mutex_;
+    bool cut_ = false;
+    std::vector<JSON_RPC_Channel_Weak_Ptr> up_;
+  };
+
+  // A graceful stop on the first signal; a second one, or the end of the
+  // drain, wakes the waiter again.
+  void drain(TCP_Acceptor& acceptor, Connections& connections, program::Waiter& waiter, int signal, int seconds)
+  {
+    ACE_DEBUG((LM_NOTICE, "Stopping on signal %d: draining for up to %d s.\n", signal, seconds));
+    const char drained = 'd';
+    std::thread drainer;
+    try
+    {
+      drainer = std::thread([&]() {
+        acceptor.drain(ACE_Time_Value(seconds));
+        waiter.wake(drained);
+      });
+    }
+    catch (const std::system_error&)
+    {
+      // No thread to spare: a drain that no signal cuts short.
+      acceptor.drain(ACE_Time_Value(seconds));
+      return;
+    }
+    int next = waiter.wait();
+    if (next != drained)
+    {
+      ACE_DEBUG((LM_NOTICE, "Signal %d: closing every connection now.\n", next));
+      connections.cut();
+    }
+    drainer.join();
+  }
 
   const char* plural(size_t n, const char* one, const char* many) { return n == 1 ? one : many; }
 
@@ -232,6 +352,13 @@ int main(int argc, char** argv)
   leftovers.init(0, nullptr);
   summary(failures);
 
+  Connections connections;
+  connections.watch(options.tcp);
+  // The host holds the I/O threads and joins them at its end. Left to the
+  // listener, the reactor's last owner can be a connection that ends on one
+  // of its threads, which then runs on past main.
+  if (!options.check)
+    options.tcp.reactor = TCP_Reactor::make(options.tcp.io_threads);
   TCP_Acceptor acceptor;
   int status = 0;
   if (options.check)
@@ -255,17 +382,18 @@ int main(int argc, char** argv)
     std::fflush(stdout);
     ACE_DEBUG((LM_NOTICE, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
                options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
-    int signal = waiter.wait();
-    ACE_DEBUG((LM_NOTICE, "Stopping on signal %d.\n", signal));
+    drain(acceptor, connections, waiter, waiter.wait(), options.drain_seconds);
   }
 
-  // Transports first: the tables give plain pointers to handlers.
+  // Transports first: the tables give plain pointers to handlers. After a
+  // drain this has nothing left to close.
   acceptor.close(true);
   ACE_Service_Config::close();
   JSON_RPC_Thread_Pool_Handler::deactivate();
   leftovers.fini();
   // Made by the first REST record, and closed by no service.
   JSON_RESTful_Handler_Creator_Map::close_instance();
+  options.tcp.reactor.reset();
   if (status == 0 && !options.check)
     ACE_DEBUG((LM_NOTICE, "Stopped.\n"));
   return status;

@@ -2,8 +2,10 @@
 # jsonrpc-host serving examples/svc.conf as it stands, from a directory laid
 # out like the repository root after the build, and jsonrpc-call against it:
 # each kind of handler, errors, both framings, a notification fan-out, a
-# refused call under pool overload, and a clean stop. Before that, the
-# host's own arguments and --check of a good and a broken configuration.
+# refused call under pool overload, the transport's options, a graceful
+# stop that drains the calls in flight (and a second signal that cuts it
+# short), and a clean stop. Before that, the host's own arguments and
+# --check of a good and a broken configuration.
 #
 # Usage: host_test.sh HOST CALL LIB_DIR EXAMPLES_DIR WORK_DIR [SANITIZED]
 # SANITIZED is 1 in a sanitizer build, where a host out of descriptors is
@@ -47,7 +49,8 @@ expect() {
 # Arguments: help, and refusals that name what they refuse.
 for h in -h --help; do
   out=$("$host" "$h" 2>&1) || fail "$h exited $?"
-  for word in --listen --svc-conf --framing --max-message-size --check --verbose 'Exit status' '  0  ' '  1  ' '  2  '; do
+  for word in --listen --svc-conf --framing --max-message-size --max-in-flight --io-threads --drain-time \
+              'Server shutting' --check --verbose 'Exit status' '  0  ' '  1  ' '  2  '; do
     grep -qF -- "$word" <<< "$out" || fail "$h does not list $word"
   done
 done
@@ -60,6 +63,11 @@ done <<'ROWS'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --bogus|jsonrpc-host: unknown option '--bogus'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --framing lines|bad value 'lines' for --framing
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --max-message-size -1|bad value '-1' for --max-message-size
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --max-in-flight 1k|bad value '1k' for --max-in-flight
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --io-threads 1025|bad value '1025' for --io-threads
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time -1|bad value '-1' for --drain-time
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time 86401|bad value '86401' for --drain-time
+--listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time|option '--drain-time' needs a value
 --listen nowhere --svc-conf examples/svc.conf|bad value 'nowhere' for --listen
 --svc-conf examples/svc.conf|--listen HOST:PORT is needed
 --check|--svc-conf FILE is needed
@@ -255,6 +263,95 @@ exec {one}>&-
 answered_soon || fail "no call answered under the cap once a connection ended"
 exec {two}>&-
 kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the capped host did not stop cleanly"
+
+# --io-threads: the I/O threads, by name, once they have all started.
+start_host threads --svc-conf examples/svc.conf --io-threads 3
+for _ in $(seq 1 50); do
+  io=$(cat /proc/"${pids[-1]}"/task/*/comm 2> /dev/null | grep -cx tcp-io)
+  [ "$io" -ge 3 ] && break
+  sleep 0.1
+done
+[ "$io" -eq 3 ] || fail "--io-threads 3 runs $io I/O threads"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with 3 I/O threads did not stop cleanly"
+
+# --max-in-flight 1: a connection's second request is read only once its
+# first is answered, so a short sleep sent behind a long one starts, and
+# ends, after it (without the cap the short one ends first). The transport
+# lets the next request in as the answer starts to go out, so an echo
+# there could still overtake it.
+start_host one-in-flight --svc-conf examples/svc.conf --framing ndjson --max-in-flight 1
+exec {raw}<> "/dev/tcp/127.0.0.1/$PORT" || fail "no raw connection"
+printf '{"jsonrpc":"2.0","id":1,"method":"slow.sleep","params":300}\n{"jsonrpc":"2.0","id":2,"method":"slow.sleep","params":50}\n' >&$raw
+read -r -t 10 first <&$raw
+read -r -t 10 second <&$raw
+exec {raw}>&-
+[ "$first" = '{"jsonrpc":"2.0","id":1,"result":300}' ] && [ "$second" = '{"jsonrpc":"2.0","id":2,"result":50}' ] ||
+  fail "--max-in-flight 1 answered '$first' then '$second'"
+kill -TERM "${pids[-1]}" && wait "${pids[-1]}" || fail "the host with one request in flight did not stop cleanly"
+
+# in_flight LOG N: waits until the host logging to LOG (with -v) has
+# dispatched N calls of slow.sleep or pool.sleep.
+in_flight() {
+  for _ in $(seq 1 100); do
+    [ "$(grep -cE "called JSON-RPC '(slow|pool)\.sleep'" "$1")" -ge "$2" ] && return 0
+    sleep 0.1
+  done
+  fail "$2 calls are not in flight: $(tail -n 5 "$1")"
+}
+# stopped_soon PID: the host exits with status 0 within 8 s of the signal.
+stopped_soon() {
+  for _ in $(seq 1 80); do kill -0 "$1" 2> /dev/null || break; sleep 0.1; done
+  kill -0 "$1" 2> /dev/null && fail "the host $1 still runs 8 s after the signal"
+  wait "$1" || fail "the host $1 exited $? after the signal"
+}
+# The long calls below run on the pool: the host waits for its workers
+# before it unloads the handlers. A call on a thread of its own would still
+# run in a handler that is being unloaded.
+
+# Drain: on SIGTERM the host answers the call that ends within --drain-time,
+# answers the one that would not with -32001, and exits once its pool is
+# done.
+start_host draining --svc-conf examples/svc.conf --drain-time 2 -v
+draining=${pids[-1]}
+"$call" --timeout 30 "127.0.0.1:$PORT" slow.sleep 500 > short.call 2>&1 &
+short=$!
+"$call" --timeout 30 "127.0.0.1:$PORT" pool.sleep 5000 > long.call 2>&1 &
+long=$!
+in_flight draining.err 2
+kill -TERM "$draining"
+for _ in $(seq 1 50); do grep -q '^Stopping on signal 15: draining for up to 2 s\.$' draining.err && break; sleep 0.1; done
+grep -q '^Stopping on signal 15: draining for up to 2 s\.$' draining.err || fail "no drain line: $(tail -n 3 draining.err)"
+stopped_soon "$draining"
+wait "$short" || fail "the call that ends within the drain exited $?: $(cat short.call)"
+grep -qF '"result":500}' short.call || fail "the call that ends within the drain printed: $(cat short.call)"
+wait "$long"
+rc=$?
+[ "$rc" -eq 1 ] && grep -qF '"error":{"code":-32001,"message":"Server shutting down"}' long.call ||
+  fail "the call left at the end of the drain exited $rc: $(cat long.call)"
+grep -q '^TCP: 1 request(s) not answered within the drain time' draining.err && grep -q '^Stopped\.$' draining.err ||
+  fail "the drain's log: $(cat draining.err)"
+unset 'pids[-1]'
+
+# During a drain a new connection is refused (or, taken just before the
+# listener closed, never read); a second signal closes the connections at
+# once, leaving the call unanswered. That call ending without an answer
+# shows that the drain still ran when the new connection was tried: without
+# the cut the drain would have waited for the call and answered it.
+start_host cut --svc-conf examples/svc.conf --drain-time 60 -v
+cut=${pids[-1]}
+"$call" --timeout 30 "127.0.0.1:$PORT" pool.sleep 6000 > cut.call 2>&1 &
+cut_call=$!
+in_flight cut.err 1
+kill -TERM "$cut"
+for _ in $(seq 1 50); do grep -q '^Stopping on signal 15: draining' cut.err && break; sleep 0.1; done
+expect 3 '' --timeout 2 "127.0.0.1:$PORT" echo 1
+kill -INT "$cut"
+stopped_soon "$cut"
+wait "$cut_call"
+rc=$?
+[ "$rc" -eq 3 ] && grep -qF 'the connection closed' cut.call || fail "the call of a cut drain exited $rc: $(cat cut.call)"
+grep -q '^Signal 2: closing every connection now\.$' cut.err || fail "no line for the second signal: $(cat cut.err)"
+unset 'pids[-1]'
 
 # Clean stop of the main host.
 kill -TERM "$main_pid"
