@@ -10,25 +10,21 @@
 #include "json_rpc/json_rpc_service.h"
 #include "json_rpc/json_rpc_thread_pool_handler.h"
 #include "transport/tcp_acceptor.h"
-#include "transport/tcp_channel.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
 #include <ace/Log_Record.h>
 #include <ace/Service_Config.h>
 
-#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <mutex>
 #include <sys/resource.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
@@ -195,52 +191,9 @@ namespace
     std::atomic<int> failures;
   };
 
-  // The connections that are up, so that a second signal can close them
-  // all at once and cut the drain short. Once cut, none is taken.
-  class Connections
-  {
-  public:
-    void watch(TCP_Options& options)
-    {
-      options.on_connect = [this](TCP_Channel& channel) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (cut_)
-          return -1;
-        up_.push_back(channel.weak());
-        return 0;
-      };
-      options.on_close = [this](TCP_Channel& channel) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        up_.erase(std::remove(up_.begin(), up_.end(), channel.weak()), up_.end());
-      };
-    }
-
-    void cut()
-    {
-      std::vector<JSON_RPC_Channel_Weak_Ptr> up;
-      {
-        std::lock_guard<std::mutex> guard(mutex_);
-        cut_ = true;
-        up = up_;
-      }
-      // Unlocked: close() waits for the I/O thread, which runs on_close.
-      for (const JSON_RPC_Channel_Weak_Ptr& weak : up)
-      {
-        JSON_RPC_Channel_Strong_Ptr channel(weak);
-        if (!channel.null())
-          TCP_Channel::cast(channel)->close();
-      }
-    }
-
-  private:
-    std::mutex mutex_;
-    bool cut_ = false;
-    std::vector<JSON_RPC_Channel_Weak_Ptr> up_;
-  };
-
   // A graceful stop on the first signal; a second one, or the end of the
   // drain, wakes the waiter again.
-  void drain(TCP_Acceptor& acceptor, Connections& connections, program::Waiter& waiter, int signal, int seconds)
+  void drain(TCP_Acceptor& acceptor, program::Waiter& waiter, int signal, int seconds)
   {
     ACE_DEBUG((LM_NOTICE, "Stopping on signal %d: draining for up to %d s.\n", signal, seconds));
     const char drained = 'd';
@@ -262,7 +215,7 @@ namespace
     if (next != drained)
     {
       ACE_DEBUG((LM_NOTICE, "Signal %d: closing every connection now.\n", next));
-      connections.cut();
+      acceptor.cut();
     }
     drainer.join();
   }
@@ -352,13 +305,6 @@ int main(int argc, char** argv)
   leftovers.init(0, nullptr);
   summary(failures);
 
-  Connections connections;
-  connections.watch(options.tcp);
-  // The host holds the I/O threads and joins them at its end. Left to the
-  // listener, the reactor's last owner can be a connection that ends on one
-  // of its threads, which then runs on past main.
-  if (!options.check)
-    options.tcp.reactor = TCP_Reactor::make(options.tcp.io_threads);
   TCP_Acceptor acceptor;
   int status = 0;
   if (options.check)
@@ -382,7 +328,7 @@ int main(int argc, char** argv)
     std::fflush(stdout);
     ACE_DEBUG((LM_NOTICE, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
                options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
-    drain(acceptor, connections, waiter, waiter.wait(), options.drain_seconds);
+    drain(acceptor, waiter, waiter.wait(), options.drain_seconds);
   }
 
   // Transports first: the tables give plain pointers to handlers. After a
@@ -393,7 +339,6 @@ int main(int argc, char** argv)
   leftovers.fini();
   // Made by the first REST record, and closed by no service.
   JSON_RESTful_Handler_Creator_Map::close_instance();
-  options.tcp.reactor.reset();
   if (status == 0 && !options.check)
     ACE_DEBUG((LM_NOTICE, "Stopped.\n"));
   return status;

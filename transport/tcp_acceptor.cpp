@@ -60,7 +60,7 @@ struct TCP_Acceptor::Shared : std::enable_shared_from_this<TCP_Acceptor::Shared>
   std::vector<JSON_RPC_Channel_Strong_Ptr> live;
 };
 
-TCP_Acceptor::TCP_Acceptor() : listen_fd_(-1), own_reactor_(false), loop_(nullptr), paused_(false), out_of_descriptors_(false) {}
+TCP_Acceptor::TCP_Acceptor() : listen_fd_(-1), own_reactor_(false), loop_(nullptr), cut_(false), paused_(false), out_of_descriptors_(false) {}
 
 TCP_Acceptor::~TCP_Acceptor() { close(true); }
 
@@ -201,13 +201,13 @@ void TCP_Acceptor::drain(const ACE_Time_Value& limit)
       for (const JSON_RPC_Channel_Strong_Ptr& channel : live)
         if (!TCP_Channel::cast(channel)->closed())
           left += (TCP_Channel::cast(channel)->*count)();
-      if (left == 0 || std::chrono::steady_clock::now() >= until)
+      if (left == 0 || cut_ || std::chrono::steady_clock::now() >= until)
         return left;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   };
   size_t unanswered = all(&TCP_Channel::requests_in_flight);
-  if (unanswered)
+  if (unanswered && !cut_)
   {
     ACE_ERROR((LM_WARNING, "TCP: %B request(s) not answered within the drain time; answering them with an error.\n",
                static_cast<ACE_UINT64>(unanswered)));
@@ -217,6 +217,7 @@ void TCP_Acceptor::drain(const ACE_Time_Value& limit)
   until = std::max(until, std::chrono::steady_clock::now() + std::chrono::seconds(1));
   all(&TCP_Channel::queued_bytes);
   close(true);
+  cut_ = false;
 }
 
 std::vector<JSON_RPC_Channel_Strong_Ptr> TCP_Acceptor::connections() const

@@ -10,6 +10,7 @@
 #include <ace/INET_Addr.h>
 #include <ace/Time_Value.h>
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -44,6 +45,9 @@ public:
   /// (within the limit, or a second after it), and closes every
   /// connection.
   void drain(const ACE_Time_Value& limit);
+  /// Cuts short a drain that runs on another thread: it answers nothing
+  /// more and closes every connection at once.
+  void cut() { cut_ = true; }
 
   /// The connections that are up.
   std::vector<JSON_RPC_Channel_Strong_Ptr> connections() const;
@@ -65,6 +69,7 @@ private:
   bool own_reactor_; // made here, stopped here
   TCP_Reactor::Loop* loop_;
   // On the loop's thread:
+  std::atomic<bool> cut_;
   bool paused_;             // out of descriptors, or at the cap
   bool out_of_descriptors_; // one log line per spell
 };

@@ -364,7 +364,7 @@ void TCP_Channel::handle_events(uint32_t events)
   if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))
     drain_output();
   if (events & (EPOLLIN | EPOLLERR | EPOLLHUP))
-    read_input();
+    read_input(events);
   settle();
 }
 
@@ -398,8 +398,15 @@ void TCP_Channel::handle_tick(Clock::time_point now)
   settle();
 }
 
-void TCP_Channel::read_input()
+void TCP_Channel::read_input(uint32_t events)
 {
+  // Stopped for a drain: only the end of the connection is taken.
+  if (reading_stopped())
+  {
+    if (events & (EPOLLHUP | EPOLLERR))
+      input_ended(0, 0);
+    return;
+  }
   if (!rest_.empty())
   {
     feed_rest();
@@ -563,7 +570,7 @@ void TCP_Channel::broken_input()
 
 void TCP_Channel::resume_input()
 {
-  if (finished_)
+  if (finished_ || reading_stopped())
     return;
   feed_rest();
   after_input();
@@ -641,11 +648,30 @@ bool TCP_Channel::read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* de
 
 // ---------------------------------------------------------------- in flight
 
-void TCP_Channel::answered(const json_spirit::Value& id)
+bool TCP_Channel::answerable(const json_spirit::Value& id) const
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  return !stopped_reading_ || std::find(in_flight_.begin(), in_flight_.end(), id) != in_flight_.end();
+}
+
+void TCP_Channel::forwarding(const json_spirit::Value& id)
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  forwarded_.push_back(id);
+}
+
+void TCP_Channel::answered(const json_spirit::Value& id, bool whole)
 {
   bool resume = false;
   {
     std::lock_guard<std::mutex> guard(state_lock_);
+    // A forwarded response passed back whole leaves its forward's place.
+    if (whole)
+    {
+      auto f = std::find(forwarded_.begin(), forwarded_.end(), id);
+      if (f != forwarded_.end())
+        forwarded_.erase(f);
+    }
     auto i = std::find(in_flight_.begin(), in_flight_.end(), id);
     if (i == in_flight_.end())
       return;
@@ -663,6 +689,20 @@ void TCP_Channel::answered(const json_spirit::Value& id)
     loop_->post([self, this]() { resume_input(); });
 }
 
+void TCP_Channel::stream_answered()
+{
+  json_spirit::Value id;
+  {
+    std::lock_guard<std::mutex> guard(state_lock_);
+    if (forwarded_.empty())
+      return;
+    // Streams go out one at a time, in the order their forwards were found.
+    id = forwarded_.front();
+    forwarded_.erase(forwarded_.begin());
+  }
+  answered(id, false);
+}
+
 size_t TCP_Channel::requests_in_flight() const
 {
   std::lock_guard<std::mutex> guard(state_lock_);
@@ -674,10 +714,28 @@ void TCP_Channel::answer_in_flight(int code, const char* message)
   std::vector<json_spirit::Value> ids;
   {
     std::lock_guard<std::mutex> guard(state_lock_);
-    ids = in_flight_;
+    // Taken out first: an answer that comes later is not sent as well.
+    ids.swap(in_flight_);
   }
   for (const json_spirit::Value& id : ids)
-    send_error(code, id, message, json_spirit::Value::null);
+  {
+    JSON_RPC_Response_Error* error = new (std::nothrow) JSON_RPC_Response_Error;
+    if (!error)
+      return;
+    error->code = code;
+    error->message = message;
+    error->id = id;
+    JSON_RPC_Object_Ptr object(error);
+    ACE_Guard<ACE_Thread_Mutex> guard(io_lock_);
+    write_message(
+      [&](Output& out) { return with_writer([&](JSON_RPC_Writer& writer) { return writer.write(*object, out); }); });
+  }
+}
+
+bool TCP_Channel::reading_stopped() const
+{
+  std::lock_guard<std::mutex> guard(state_lock_);
+  return stopped_reading_;
 }
 
 void TCP_Channel::stop_reading()
@@ -800,6 +858,7 @@ void TCP_Channel::settle_stream()
     return;
   streaming_ = false;
   stream_writer_->close();
+  stream_answered();
   if (output_.sent_some())
     fail_output(EPROTO);
   else
@@ -843,11 +902,28 @@ int TCP_Channel::send_object(JSON_RPC_Object_Ptr object)
     errno = EINVAL;
     return -1;
   }
-  if (is_response(*object))
-    answered(object->id);
-  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
-  return write_message(
-    [&](Output& out) { return with_writer([&](JSON_RPC_Writer& writer) { return writer.write(*object, out); }); });
+  bool response = is_response(*object);
+  if (response && !answerable(object->id))
+  {
+    // Answered already, by the end of a drain.
+    errno = EPIPE;
+    return -1;
+  }
+  int result;
+  {
+    ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, io_lock_, -1);
+    result = write_message(
+      [&](Output& out) { return with_writer([&](JSON_RPC_Writer& writer) { return writer.write(*object, out); }); });
+  }
+  // Counted out once queued: a drain that sees none in flight finds the
+  // answers in the queue.
+  if (response)
+  {
+    int error = errno;
+    answered(object->id, true);
+    errno = error;
+  }
+  return result;
 }
 
 int TCP_Channel::send_generator(JSON_Generator& generator)
@@ -882,6 +958,7 @@ int TCP_Channel::send_end()
   bool discarded = output_.discarding();
   int error = output_.end();
   streaming_ = false;
+  stream_answered();
   if (error)
   {
     if (!discarded)
@@ -926,10 +1003,10 @@ int TCP_Channel::get_forward_entry(int forward_id, JSON_RPC_Channel_Weak_Ptr& re
     return -1;
   id = entry.first;
   requester = entry.second;
-  // The response on its way answers the requester's request.
+  // The response on its way answers the requester's request once it is out.
   JSON_RPC_Channel_Strong_Ptr to(requester);
   if (TCP_Channel* tcp = cast(to))
-    tcp->answered(id);
+    tcp->forwarding(id);
   return 0;
 }
 

@@ -202,7 +202,7 @@ private:
   void handle_events(uint32_t events) override;
   void handle_tick(Clock::time_point now) override;
 
-  void read_input();
+  void read_input(uint32_t events);
   /// Feeds data to the frame reader; false once the input has ended.
   bool feed(const char* data, size_t length);
   bool take(JSON_RPC_Reader& reader);
@@ -223,7 +223,16 @@ private:
 
   /// Under state_lock_: the events the loop is to watch for.
   void update_interest();
-  void answered(const json_spirit::Value& id);
+  /// A response with id may go out: always, but in a drain only while id
+  /// is in flight.
+  bool answerable(const json_spirit::Value& id) const;
+  /// id is no longer in flight (whole: a response that went out whole).
+  void answered(const json_spirit::Value& id, bool whole);
+  /// A forwarded response to id is on its way; it is answered at the end
+  /// of its stream, or when passed back whole.
+  void forwarding(const json_spirit::Value& id);
+  void stream_answered();
+  bool reading_stopped() const;
   int queue_bytes(const char* head, size_t head_length, std::string& body);
   void drain_output();
   /// Lets connections that were paused for this one's queue read on.
@@ -274,6 +283,7 @@ private:
   bool stopped_reading_;
   bool shut_when_sent_; // after bad input
   std::vector<json_spirit::Value> in_flight_;
+  std::vector<json_spirit::Value> forwarded_; // ids whose forwarded responses are due
   std::vector<JSON_RPC_Channel_Weak_Ptr> forwarders_; // paused until the queue drains
   bool ended_;
   std::condition_variable ended_changed_;
