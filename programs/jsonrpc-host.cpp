@@ -14,7 +14,9 @@
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
 #include <ace/Log_Record.h>
+#include <ace/OS_NS_sys_time.h>
 #include <ace/Service_Config.h>
+#include <ace/Thread_Manager.h>
 
 #include <atomic>
 #include <climits>
@@ -48,8 +50,10 @@ namespace
     "answered; those left are answered with error -32001 \"Server shutting\n"
     "down\"; each peer gets what is queued for it and its connection is\n"
     "closed; the thread pool is deactivated, waiting for the calls it runs;\n"
-    "the service and the handler libraries are unloaded. A second signal\n"
-    "during the drain closes every connection at once, unanswered.\n"
+    "calls on threads of their own get the drain time once more to end (past\n"
+    "it, the host exits at once, unloading nothing); the service and the\n"
+    "handler libraries are unloaded. A second signal during the drain closes\n"
+    "every connection at once, unanswered.\n"
     "\n"
     "Options:\n"
     "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6)\n"
@@ -334,6 +338,17 @@ int main(int argc, char** argv)
   // Transports first: the tables give plain pointers to handlers. After a
   // drain this has nothing left to close.
   acceptor.close(true);
+  // Calls on threads of their own use their handlers, which the service's
+  // end destroys: they get the drain time once more to finish. Past it,
+  // the process ends without unloading anything under them.
+  JSON_RPC_Thread_Pool_Handler::deactivate();
+  ACE_Time_Value calls_end = ACE_OS::gettimeofday() + ACE_Time_Value(options.check ? 0 : options.drain_seconds);
+  if (ACE_Thread_Manager::instance()->wait(&calls_end) == -1)
+  {
+    ACE_ERROR((LM_WARNING, "Calls still running after the drain time; exiting without unloading the handlers.\n"));
+    std::fflush(stdout);
+    _exit(status);
+  }
   ACE_Service_Config::close();
   JSON_RPC_Thread_Pool_Handler::deactivate();
   leftovers.fini();
