@@ -59,8 +59,13 @@ namespace floor_socket
   /// and the answers not yet sent.
   struct Floor_Peer
   {
+    /// Appends the framed answer to a body to out; false refuses it. Null:
+    /// the fixed answer, found with no parse.
+    typedef bool (*Answer)(const char* body, size_t size, std::string& out);
+
     std::string in, out;
     size_t sent = 0;
+    Answer answer = nullptr;
 
     /// Reads until the socket is drained and queues an answer to each
     /// whole message; false when the peer closed, failed or sent a message
@@ -86,9 +91,14 @@ namespace floor_socket
       while ((whole = echo_wire::next_message(in.data() + at, in.size() - at, body_at, body_size)) == 1)
       {
         const char* body = in.data() + at + body_at;
-        std::string id = echo_wire::id_text(body, body_size);
-        out += echo_wire::frame("{\"jsonrpc\":\"2.0\",\"id\":" + (id.empty() ? "null" : id) +
-                                ",\"result\":" + echo_wire::params + "}");
+        if (!answer)
+        {
+          std::string id = echo_wire::id_text(body, body_size);
+          out += echo_wire::frame("{\"jsonrpc\":\"2.0\",\"id\":" + (id.empty() ? "null" : id) +
+                                  ",\"result\":" + echo_wire::params + "}");
+        }
+        else if (!answer(body, body_size, out))
+          return false;
         at += body_at + body_size;
       }
       in.erase(0, at);

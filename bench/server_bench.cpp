@@ -3,6 +3,8 @@
 // Content-Length framing) against, in the same run,
 //   host         jsonrpc-host with examples/svc.conf, whose echo is direct
 //   epoll floor  epoll_floor: one thread, epoll, a fixed answer, no JSON
+//   least        epoll_floor --json: the same with the least JSON work of
+//                json_spirit::Value as the document (read, answer made, written)
 //   sourcegraph  Go's sourcegraph/jsonrpc2 (go_echo), if go was found
 //   ace, ace:N   ace_floor: the epoll floor on ACE's Dev_Poll reactor,
 //                with 1 or N reactor threads (only when listed)
@@ -23,8 +25,8 @@
 //
 // Usage: server_bench [--connections 1,8,64,256,1000] [--warmup S]
 //        [--window S] [--idle N] [--storm N] [--storm-limit S]
-//        [--call-limit S] [--repeat N] [--servers host,floor,sourcegraph]
-//        (further kinds for --servers: ace, ace:N)
+//        [--call-limit S] [--repeat N] [--servers host,floor,least,sourcegraph]
+//        (further kinds for --servers: ace, ace:N, host:N with N I/O threads)
 // (defaults: those shown, 0.5 s warm-up, 2 s window, 10000 idle, a storm
 // of 1000 within 60 s, 10 s per call, 3 repetitions taking turns)
 #include "echo_wire.h"
@@ -56,7 +58,7 @@ namespace
     std::vector<int> connections = {1, 8, 64, 256, 1000};
     double warmup = 0.5, window = 2, storm_limit = 60, call_limit = 10;
     int idle = 10000, storm = 1000, repeat = 3;
-    std::vector<std::string> servers = {"host", "floor", "sourcegraph"};
+    std::vector<std::string> servers = {"host", "floor", "least", "sourcegraph"};
 
     std::string command_line(const char* program) const
     {
@@ -92,16 +94,21 @@ namespace
 
   /// The reactor threads of an "ace" or "ace:N" kind (N from 1 to 64);
   /// 0 for any other kind.
-  int ace_threads(const std::string& kind)
+  // The N of "NAME:N" (1 for a bare NAME), or 0 for another kind.
+  int threads_of(const std::string& kind, const std::string& name)
   {
-    if (kind == "ace")
+    if (kind == name)
       return 1;
-    if (kind.compare(0, 4, "ace:") != 0 || kind.size() == 4)
+    if (kind.compare(0, name.size() + 1, name + ":") != 0 || kind.size() == name.size() + 1)
       return 0;
     char* end = nullptr;
-    long n = std::strtol(kind.c_str() + 4, &end, 10);
+    long n = std::strtol(kind.c_str() + name.size() + 1, &end, 10);
     return *end == 0 && n >= 1 && n <= 64 ? static_cast<int>(n) : 0;
   }
+
+  int ace_threads(const std::string& kind) { return threads_of(kind, "ace"); }
+  // "host:N": the host with N I/O threads (plain "host": as many as CPUs).
+  int host_threads(const std::string& kind) { return kind == "host" ? 0 : threads_of(kind, "host"); }
 
   bool parse(int argc, char** argv, Options& o)
   {
@@ -123,7 +130,7 @@ namespace
         return false;
     }
     for (const std::string& s : o.servers)
-      if (s != "host" && s != "floor" && s != "sourcegraph" && !ace_threads(s))
+      if (s != "host" && s != "floor" && s != "least" && s != "sourcegraph" && !ace_threads(s) && !host_threads(s))
         return false;
     for (int n : o.connections)
       if (n <= 0)
@@ -202,7 +209,12 @@ namespace
   {
     if (int threads = ace_threads(kind))
       return threads == 1 ? "ACE Dev_Poll floor" : "ACE Dev_Poll floor, " + std::to_string(threads) + " threads";
-    return kind == "host" ? "host echo" : kind == "floor" ? "epoll floor" : "sourcegraph/jsonrpc2";
+    if (int threads = host_threads(kind))
+      return "host echo, " + std::to_string(threads) + " I/O thread" + (threads == 1 ? "" : "s");
+    return kind == "host"    ? "host echo"
+           : kind == "floor" ? "epoll floor"
+           : kind == "least" ? "epoll floor, least JSON work"
+                             : "sourcegraph/jsonrpc2";
   }
 
   /// A fresh server of a kind, in a work directory laid out like the
@@ -213,13 +225,19 @@ namespace
     {
       std::vector<std::string> args;
       std::string program;
-      if (kind == "host")
+      if (kind == "host" || host_threads(kind))
       {
         program = JSONRPC_HOST;
         args = {"--listen", "127.0.0.1:0", "--framing", "content-length", "--svc-conf", "examples/svc.conf"};
+        if (int threads = host_threads(kind))
+          args.insert(args.end(), {"--io-threads", std::to_string(threads)});
       }
-      else if (kind == "floor")
+      else if (kind == "floor" || kind == "least")
+      {
         program = EPOLL_FLOOR;
+        if (kind == "least")
+          args = {"--json"};
+      }
       else if (int threads = ace_threads(kind))
       {
         program = ACE_FLOOR;
@@ -811,6 +829,16 @@ int main(int argc, char** argv)
     if (load.count({"host", n}) && load.count({"floor", n}))
       rows.push_back({"CPU per call, host / epoll floor, " + std::to_string(n) + " connections",
                       ratio(load[{"host", n}].cpu_us_per_call, load[{"floor", n}].cpu_us_per_call)});
+  // The same floor with the least JSON work that json_spirit::Value as the
+  // document allows: no server of this data model gets below it.
+  for (int n : {8, 64, 256})
+    if (load.count({"least", n}) && load.count({"floor", n}))
+      rows.push_back({"CPU per call, least JSON work / epoll floor, " + std::to_string(n) + " connections",
+                      ratio(load[{"least", n}].cpu_us_per_call, load[{"floor", n}].cpu_us_per_call)});
+  for (int n : {8, 64, 256})
+    if (load.count({"host", n}) && load.count({"least", n}))
+      rows.push_back({"CPU per call, host / least JSON work, " + std::to_string(n) + " connections",
+                      ratio(load[{"host", n}].cpu_us_per_call, load[{"least", n}].cpu_us_per_call)});
   // What the reactor costs beyond the loop of the floor's own.
   for (const std::string& kind : o.servers)
     if (int threads = ace_threads(kind))
