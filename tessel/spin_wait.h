@@ -34,6 +34,9 @@ public:
   Spin_Wait(const Spin_Wait&) = delete;
   Spin_Wait& operator=(const Spin_Wait&) = delete;
 
+  /// How many threads of the process wait for an answer right now.
+  static int waiting() { return callers().load(std::memory_order_relaxed); }
+
   /// One pause of a busy wait: kinder to the sibling hyperthread and the
   /// memory bus than a bare loop.
   static void pause()

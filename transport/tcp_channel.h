@@ -240,9 +240,14 @@ private:
 
   template <class Generate>
   int write_message(Generate generate);
+  /// One whole message under io_lock_, whatever is in flight.
+  int write_object(const JSON_RPC_Object& object);
   bool writable() const;
   void settle_stream();
   void fail_output(int error);
+
+  static thread_local TCP_Channel* feeding_;
+  static thread_local bool pressed_;
 
   const TCP_Options options_;
   int fd_; // -1 once closed, under state_lock_

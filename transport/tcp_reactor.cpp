@@ -1,9 +1,12 @@
 // I/O threads, each watching its share of many sockets with epoll.
 #include "transport/tcp_reactor.h"
 
+#include "tessel/spin_wait.h"
+
 #include <ace/Log_Msg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <new>
@@ -18,6 +21,9 @@
 namespace
 {
   thread_local TCP_Reactor::Loop* running_loop = nullptr;
+  std::atomic<int> spinning(0);
+  // Descriptors of a loop (a listener among them) up to which it spins.
+  const size_t few_peers = 3;
   const std::chrono::milliseconds tick_period(500);
   const int max_events = 256;
 }
@@ -162,6 +168,7 @@ void TCP_Reactor::Loop::run(unsigned long log_mask, void* log_callback)
   log->priority_mask(log_mask, ACE_Log_Msg::THREAD);
   running_loop = this;
   struct epoll_event events[max_events];
+  bool busy = false;
   auto next_tick = std::chrono::steady_clock::now() + tick_period;
   for (;;)
   {
@@ -175,7 +182,26 @@ void TCP_Reactor::Loop::run(unsigned long log_mask, void* log_callback)
     }
     auto now = std::chrono::steady_clock::now();
     int wait = now >= next_tick ? 0 : static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(next_tick - now).count()) + 1;
-    int n = ::epoll_wait(epoll_fd_, events, max_events, wait);
+    int n = -1;
+    // A loop of a few peers that just had work looks again for a moment
+    // before it sleeps: waking a sleeping thread costs tens of microseconds
+    // on virtual CPUs, about a round trip's time, and such a loop waits for
+    // each call's round trip. Loops with more peers have their next event
+    // soon anyway, and a spin would take a CPU from the peers' work; so
+    // would one while several callers of the process wait. One loop of the
+    // process spins at a time.
+    bool few = handlers_.size() - free_slots_.size() <= few_peers && Spin_Wait::waiting() <= 1;
+    if (busy && few && wait > 0 && spinning.fetch_add(1) == 0)
+    {
+      Spin_Wait::poll([&] { return (n = ::epoll_wait(epoll_fd_, events, max_events, 0)) != 0; },
+                      now + Spin_Wait::spin_time, 64, false);
+      spinning.fetch_sub(1);
+    }
+    else if (busy && few && wait > 0)
+      spinning.fetch_sub(1);
+    if (n <= 0)
+      n = ::epoll_wait(epoll_fd_, events, max_events, wait);
+    busy = n > 0;
     if (n < 0 && errno != EINTR)
     {
       ACE_ERROR((LM_ERROR, "TCP: failed to wait for events, errno=%d, %m.\n", errno));
