@@ -40,7 +40,7 @@ namespace
 
     ~Upstream()
     {
-      // Its read thread answers what is still in flight, then ends.
+      // Its end answers what is still in flight.
       if (!link_.null())
         TCP_Channel::cast(link_)->close();
     }
@@ -56,7 +56,7 @@ namespace
         std::lock_guard<std::mutex> guard(mutex_);
         if (!link_.null() && !TCP_Channel::cast(link_)->closed())
           return link_;
-        // Let go outside the lock: the last pointer joins its read thread.
+        // Let go outside the lock: the last pointer stops its I/O thread.
         old = link_;
         link_ = JSON_RPC_Channel_Strong_Ptr();
         if (TCP_Connector::connect(link, addr_, options_, &timeout_) == -1)

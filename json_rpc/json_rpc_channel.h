@@ -118,10 +118,10 @@ public:
   /// The lock that orders writers of the output; null if none is needed.
   virtual ACE_Lock* io_mutex();
   /// Waits for the response to a request sent over this channel, as
-  /// wait.wait does. A transport whose reading thread is idle may read the
-  /// channel on the waiting thread meanwhile, dispatching the responses it
-  /// meets, and so spare a hand-off between two threads on each call. The
-  /// base only waits.
+  /// wait.wait does. A transport may read the channel on the waiting thread
+  /// meanwhile, dispatching the responses it meets: the TCP transport does
+  /// when the waiter is the thread that reads the channel (a direct handler
+  /// calling its peer back). The base only waits.
   virtual bool wait_response(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
 
 private:

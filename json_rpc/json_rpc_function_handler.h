@@ -25,9 +25,10 @@
 /// blocking call would wait for: see JSON_RPC_Session).
 ///
 /// Where it runs is chosen at registration (add_json_rpc_method):
-/// THREAD_TRANSPORT calls it on the transport's read thread, like any
-/// direct handler: the cheapest, and right for short work, but the
-/// connection reads nothing else meanwhile. THREAD_POOL queues the call on
+/// THREAD_TRANSPORT calls it on the transport's thread, like any direct
+/// handler: the cheapest, and right for short work, but the connection
+/// (with TCP, every connection of its I/O thread) reads nothing else
+/// meanwhile. THREAD_POOL queues the call on
 /// the shared pool (JSON_RPC_Thread_Pool_Handler; the pool must run, e.g.
 /// JSON_RPC_Scope with pool threads): a full queue answers -32000 "Server
 /// busy" at once; the scope's close waits for the calls that run. THREAD_OWN
