@@ -607,11 +607,9 @@ bool HTTP_Client_Connection::reconnect()
 {
   if (!reused_ || !idempotent_ || written_ > 0 || received_ > 0 || !session_)
     return false;
-  std::unique_ptr<HTTP_Transport> fresh =
-    http_connect(endpoint_, session_->connect_timeout_, session_->read_timeout_, session_->tls_);
+  std::unique_ptr<HTTP_Transport> fresh = session_->connect(endpoint_);
   if (!fresh)
     return false;
-  ++session_->opened_;
   transport_ = std::move(fresh);
   reused_ = false;
   requests_ = 0;
@@ -1049,6 +1047,25 @@ void HTTP_Session::recycle(HTTP_Client_Connection* connection, bool reusable)
   delete dropped;
 }
 
+std::unique_ptr<HTTP_Transport> HTTP_Session::connect(const HTTP_Endpoint& endpoint)
+{
+  std::shared_ptr<HTTP_TLS_Context> tls = tls_;
+  if (endpoint.ssl && !tls)
+  {
+    // A redirect from plain HTTP to TLS: the system's trust.
+    tls = http_tls_context(nullptr, ssl_no_verify_);
+    if (!tls)
+    {
+      errno = EPROTO;
+      return nullptr;
+    }
+  }
+  std::unique_ptr<HTTP_Transport> transport = http_connect(endpoint, connect_timeout_, read_timeout_, tls);
+  if (transport)
+    ++opened_;
+  return transport;
+}
+
 HTTP_Connection_Ptr HTTP_Session::begin(HTTP_Request& request, int flags, bool from_file)
 {
   char const* uri = request.uri();
@@ -1090,21 +1107,9 @@ HTTP_Connection_Ptr HTTP_Session::begin(HTTP_Request& request, int flags, bool f
     reused = true;
   else
   {
-    std::shared_ptr<HTTP_TLS_Context> tls = tls_;
-    if (target->ssl && !tls)
-    {
-      // A redirect from plain HTTP to TLS: the system's trust.
-      tls = http_tls_context(nullptr, ssl_no_verify_);
-      if (!tls)
-      {
-        errno = EPROTO;
-        return HTTP_Connection_Ptr();
-      }
-    }
-    std::unique_ptr<HTTP_Transport> transport = http_connect(*target, connect_timeout_, read_timeout_, tls);
+    std::unique_ptr<HTTP_Transport> transport = connect(*target);
     if (!transport)
       return HTTP_Connection_Ptr();
-    ++opened_;
     connection = new (std::nothrow) HTTP_Client_Connection(*target, std::move(transport));
     if (!connection)
     {

@@ -341,6 +341,7 @@ typedef ACE_Intrusive_Auto_Ptr<HTTP_Connection> HTTP_Connection_Ptr;
 
 class HTTP_Client_Connection;
 class HTTP_Cookie_Jar;
+class HTTP_Transport;
 struct HTTP_Endpoint;
 struct HTTP_TLS_Context;
 
@@ -406,6 +407,9 @@ private:
   HTTP_Session& operator=(const HTTP_Session&) = delete;
 
   HTTP_Connection_Ptr begin(HTTP_Request& request, int flags, bool from_file);
+  // The one way to a server, for a first request and for a retry alike;
+  // counts the connection as opened. Null with errno (logged).
+  std::unique_ptr<HTTP_Transport> connect(const HTTP_Endpoint& endpoint);
   HTTP_Client_Connection* take_idle(const HTTP_Endpoint& endpoint);
   // Back from use: kept for reuse, or deleted.
   void recycle(HTTP_Client_Connection* connection, bool reusable);
