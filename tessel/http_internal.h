@@ -3,7 +3,7 @@
 
 // Inside the HTTP client; not installed.
 
-#include "tessel/http_client.h"
+#include "tessel/http_connection.h"
 
 #include <ace/SOCK_Stream.h>
 
