@@ -2,7 +2,7 @@
 // response heads and of the chunked framing, in push mode, over bytes that
 // the connection reads itself.
 
-#include "tessel/http_internal.h"
+#include "tessel/http_parser.h"
 
 // Under the sanitizers GCC takes a Boost.Optional inside Beast's parser for
 // maybe uninitialized; the warning is about Boost's code, not ours.
@@ -13,6 +13,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <string>
 
 namespace http = boost::beast::http;
 using boost::beast::error_code;
