@@ -34,8 +34,8 @@ using namespace program;
 namespace
 {
   const char help[] =
-    "Usage: jsonrpc-call [OPTIONS] HOST:PORT METHOD [PARAMS]\n"
-    "       jsonrpc-call [OPTIONS] HOST:PORT --subscribe SUBJECT...\n"
+    "Usage: jsonrpc-call [OPTIONS] HOST:PORT|unix:PATH METHOD [PARAMS]\n"
+    "       jsonrpc-call [OPTIONS] HOST:PORT|unix:PATH --subscribe SUBJECT...\n"
     "       jsonrpc-call [OPTIONS] http[s]://HOST[:PORT][/PATH] METHOD [PARAMS]\n"
     "       jsonrpc-call [OPTIONS] --rest VERB http[s]://HOST[:PORT]/PATH [BODY]\n"
     "\n"
@@ -303,7 +303,9 @@ namespace
     return status;
   }
 
-  int run_tcp(const Options& o, const ACE_INET_Addr& addr, JSON_Source* params, long long timeout, Waiter& waiter)
+  // Over TCP to addr, or over the Unix domain socket at unix_path if it is not empty.
+  int run_tcp(const Options& o, const ACE_INET_Addr& addr, const std::string& unix_path, JSON_Source* params,
+              long long timeout, Waiter& waiter)
   {
     TCP_Options tcp = o.tcp;
     // A client is nobody's registered peer, and its own registration notices
@@ -314,7 +316,8 @@ namespace
     tcp.on_close = [&waiter](TCP_Channel&) { waiter.wake('x'); };
     ACE_Time_Value connect_limit(static_cast<time_t>(o.connect_timeout));
     JSON_RPC_Channel_Strong_Ptr strong;
-    if (TCP_Connector::connect(strong, addr, tcp, &connect_limit) == -1)
+    if ((unix_path.empty() ? TCP_Connector::connect(strong, addr, tcp, &connect_limit)
+                           : TCP_Connector::connect_unix(strong, unix_path, tcp)) == -1)
     {
       std::fprintf(stderr, "jsonrpc-call: can't connect to %s: %s\n", o.positional[0].c_str(), std::strerror(errno));
       return EXIT_FAILED;
@@ -370,7 +373,8 @@ namespace
       return EXIT_USAGE;
     }
     ACE_INET_Addr addr;
-    if (!http && parse_tcp_address(o.positional[0], addr) == -1)
+    std::string unix_path = unix_socket_path(o.positional[0]);
+    if (!http && unix_path.empty() && parse_tcp_address(o.positional[0], addr) == -1)
     {
       std::fprintf(stderr, "jsonrpc-call: bad address '%s'\n", o.positional[0].c_str());
       return EXIT_USAGE;
@@ -436,7 +440,7 @@ namespace
     // The singletons the channel's thread works with, and their end.
     JSON_RPC_Service library;
     library.init(0, nullptr);
-    int status = run_tcp(o, addr, params.get(), timeout, waiter);
+    int status = run_tcp(o, addr, unix_path, params.get(), timeout, waiter);
     library.fini();
     return status;
   }

@@ -56,7 +56,10 @@ namespace
     "every connection at once, unanswered.\n"
     "\n"
     "Options:\n"
-    "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6)\n"
+    "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6;\n"
+    "                           unix:PATH for a Unix domain socket, whose stale\n"
+    "                           file is replaced and removed at the end)\n"
+    "  --unix-mode OCTAL        permissions of that socket's file (default 660)\n"
     "  --svc-conf FILE          the service configuration file\n"
     "  --framing content-length|ndjson\n"
     "                           how messages are framed (default content-length)\n"
@@ -158,6 +161,17 @@ namespace
       {
         if (!count(args, o.tcp.max_requests_in_flight))
           return false;
+      }
+      else if (args.is("--unix-mode"))
+      {
+        std::string mode;
+        if (!args.value(mode))
+          return false;
+        char* end = nullptr;
+        unsigned long bits = std::strtoul(mode.c_str(), &end, 8);
+        if (mode.empty() || *end || bits > 0777)
+          return args.refuse("bad value '" + mode + "' for --unix-mode: octal permissions such as 660");
+        o.tcp.unix_mode = static_cast<unsigned int>(bits);
       }
       else if (args.is("--io-threads"))
       {
@@ -271,9 +285,10 @@ int main(int argc, char** argv)
     return 0;
   }
   ACE_INET_Addr addr;
-  if (!options.check && parse_tcp_address(options.listen, addr) == -1)
+  std::string unix_path = unix_socket_path(options.listen);
+  if (!options.check && unix_path.empty() && parse_tcp_address(options.listen, addr) == -1)
   {
-    args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT or [IPV6]:PORT");
+    args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT, [IPV6]:PORT or unix:PATH");
     return 2;
   }
   // Every connection takes a descriptor: as many as the system allows.
@@ -316,7 +331,7 @@ int main(int argc, char** argv)
     status = failures ? 1 : 0;
     std::printf("%s: %s\n", options.svc_conf.c_str(), failures ? "failed to load (see above)" : "loaded");
   }
-  else if (acceptor.open(addr, options.tcp) == -1)
+  else if ((unix_path.empty() ? acceptor.open(addr, options.tcp) : acceptor.open_unix(unix_path, options.tcp)) == -1)
   {
     ACE_ERROR((LM_ERROR, "Can't listen on %C: %m\n", options.listen.c_str()));
     status = 1;
@@ -324,13 +339,11 @@ int main(int argc, char** argv)
   else
   {
     ACE_LOG_MSG->priority_mask(options.verbose ? loud : quiet, ACE_Log_Msg::PROCESS);
-    char host[96] = {0};
-    acceptor.local_addr().get_host_addr(host, sizeof host);
     // In the form --listen and jsonrpc-call take.
-    bool v6 = acceptor.local_addr().get_type() == AF_INET6;
-    std::printf("listening on %s%s%s:%u\n", v6 ? "[" : "", host, v6 ? "]" : "", static_cast<unsigned>(acceptor.port()));
+    std::string address = acceptor.address();
+    std::printf("listening on %s\n", address.c_str());
     std::fflush(stdout);
-    ACE_DEBUG((LM_NOTICE, "Listening on %C:%u (%C framing).\n", host, static_cast<unsigned>(acceptor.port()),
+    ACE_DEBUG((LM_NOTICE, "Listening on %C (%C framing).\n", address.c_str(),
                options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
     drain(acceptor, waiter, waiter.wait(), options.drain_seconds);
   }

@@ -10,12 +10,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <future>
 #include <mutex>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -71,10 +74,8 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
     errno = EISCONN;
     return -1;
   }
-  // The kernel caps a larger backlog at net.core.somaxconn.
-  int backlog = options.listen_backlog > 0 ? options.listen_backlog : INT_MAX;
   ACE_SOCK_Acceptor listener;
-  if (listener.open(addr, 1, addr.get_type(), backlog) == -1)
+  if (listener.open(addr, 1, addr.get_type(), backlog(options)) == -1)
   {
     int error = errno;
     ACE_ERROR((LM_ERROR, "TCP: failed to listen on %C, errno=%d, %m.\n", ACE_Addr_String(addr).c_str(), error));
@@ -82,8 +83,92 @@ int TCP_Acceptor::open(const ACE_INET_Addr& addr, const TCP_Options& options)
     return -1;
   }
   listener.get_local_addr(local_addr_);
-  listen_fd_ = listener.get_handle();
+  int fd = listener.get_handle();
   listener.set_handle(ACE_INVALID_HANDLE);
+  return watch(fd, options);
+}
+
+int TCP_Acceptor::open_unix(const std::string& path, const TCP_Options& options)
+{
+  if (shared_)
+  {
+    errno = EISCONN;
+    return -1;
+  }
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  int fd = -1;
+  int error = 0;
+  if (path.empty() || path.size() >= sizeof addr.sun_path)
+    error = ENAMETOOLONG;
+  else if ((fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) == -1)
+    error = errno;
+  else
+  {
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    // A socket file that nobody listens on any more is left by a process
+    // that ended without removing it: it goes. Anything else stays.
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0)
+    {
+      int probe = S_ISSOCK(st.st_mode) ? ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
+      if (!S_ISSOCK(st.st_mode))
+        error = EEXIST;
+      else if (probe != -1 && ::connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+        error = EADDRINUSE;
+      else if (errno == ECONNREFUSED)
+        ::unlink(path.c_str());
+      if (probe != -1)
+        ::close(probe);
+    }
+    if (!error && (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == -1 ||
+                   ::chmod(path.c_str(), options.unix_mode) == -1 || ::listen(fd, backlog(options)) == -1))
+      error = errno;
+  }
+  if (error)
+  {
+    ACE_ERROR((LM_ERROR, "TCP: failed to listen on unix:%C, errno=%d, %m.\n", path.c_str(), error));
+    if (fd != -1)
+    {
+      ::close(fd);
+      if (error != EADDRINUSE && error != EEXIST)
+        ::unlink(path.c_str());
+    }
+    errno = error;
+    return -1;
+  }
+  unix_path_ = path;
+  if (watch(fd, options) == -1)
+  {
+    error = errno;
+    ::unlink(path.c_str());
+    unix_path_.clear();
+    errno = error;
+    return -1;
+  }
+  return 0;
+}
+
+int TCP_Acceptor::backlog(const TCP_Options& options)
+{
+  // The kernel caps a larger backlog at net.core.somaxconn.
+  return options.listen_backlog > 0 ? options.listen_backlog : INT_MAX;
+}
+
+std::string TCP_Acceptor::address() const
+{
+  if (!unix_path_.empty())
+    return "unix:" + unix_path_;
+  char host[96] = {0};
+  if (local_addr_.get_host_addr(host, sizeof host) == nullptr)
+    return std::string();
+  bool v6 = local_addr_.get_type() == AF_INET6;
+  return (v6 ? "[" + std::string(host) + "]" : std::string(host)) + ":" + std::to_string(port());
+}
+
+int TCP_Acceptor::watch(int fd, const TCP_Options& options)
+{
+  listen_fd_ = fd;
   ::fcntl(listen_fd_, F_SETFD, FD_CLOEXEC);
   ::fcntl(listen_fd_, F_SETFL, ::fcntl(listen_fd_, F_GETFL) | O_NONBLOCK);
 
@@ -155,6 +240,11 @@ void TCP_Acceptor::stop_accepting()
   }
   ::close(listen_fd_);
   listen_fd_ = -1;
+  if (!unix_path_.empty())
+  {
+    ::unlink(unix_path_.c_str());
+    unix_path_.clear();
+  }
 }
 
 void TCP_Acceptor::close(bool close_connections)
@@ -279,9 +369,10 @@ void TCP_Acceptor::accept_all()
     if (options_.max_connections && open >= options_.max_connections)
     {
       ACE_INET_Addr peer;
-      stream.get_remote_addr(peer);
-      ACE_ERROR((LM_WARNING, "TCP: connection from %C refused: %B open, the most allowed.\n",
-                 ACE_Addr_String(peer).c_str(), static_cast<ACE_UINT64>(options_.max_connections)));
+      std::string from = unix_path_.empty() ? (stream.get_remote_addr(peer), ACE_Addr_String(peer).c_str())
+                                            : "unix:" + unix_path_;
+      ACE_ERROR((LM_WARNING, "TCP: connection from %C refused: %B open, the most allowed.\n", from.c_str(),
+                 static_cast<ACE_UINT64>(options_.max_connections)));
       stream.close();
       continue;
     }

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 /// Listens on one address and makes a started TCP_Channel of every
@@ -30,8 +31,16 @@ public:
   /// Listens on addr (port 0: the system picks one) and starts accepting.
   /// -1 with errno if it can't, or if the acceptor is open already.
   int open(const ACE_INET_Addr& addr, const TCP_Options& options);
+  /// Listens on a Unix domain socket at path, whose file gets
+  /// options.unix_mode. A file there that is a socket nobody listens on is
+  /// replaced; one that is in use fails with EADDRINUSE, anything else with
+  /// EEXIST. close() removes the file.
+  int open_unix(const std::string& path, const TCP_Options& options);
   /// The address bound, with the real port.
   const ACE_INET_Addr& local_addr() const { return local_addr_; }
+  /// "HOST:PORT" ("[HOST]:PORT" for IPv6) or "unix:PATH", in the form the
+  /// server and client take.
+  std::string address() const;
   unsigned short port() const { return local_addr_.get_port_number(); }
 
   /// Stops accepting. With close_connections every connection is closed too,
@@ -58,12 +67,16 @@ private:
   void handle_events(uint32_t events) override;
   void handle_tick(std::chrono::steady_clock::time_point now) override;
   void accept_all();
+  static int backlog(const TCP_Options& options);
+  /// Serves the listening socket fd with options.
+  int watch(int fd, const TCP_Options& options);
   /// Stops watching the listener, on its loop's thread.
   void stop_accepting();
 
   std::shared_ptr<Shared> shared_;
   int listen_fd_;
   ACE_INET_Addr local_addr_;
+  std::string unix_path_; // a Unix domain listener's
   TCP_Options options_;
   std::shared_ptr<TCP_Reactor> reactor_;
   bool own_reactor_; // made here, stopped here

@@ -13,6 +13,7 @@
 #include <ace/OS_NS_sys_time.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -22,6 +23,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace
@@ -37,6 +39,23 @@ namespace
   Clock::duration to_duration(const ACE_Time_Value& t)
   {
     return std::chrono::seconds(t.sec()) + std::chrono::microseconds(t.usec());
+  }
+
+  // True for a Unix domain socket, with path set to the socket file's (the
+  // peer's, or else the one bound here: a listener's connections have only
+  // that).
+  bool unix_socket(int fd, std::string& path)
+  {
+    sockaddr_un a = {};
+    socklen_t length = sizeof a;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length) != 0 || a.sun_family != AF_UNIX)
+      return false;
+    sockaddr_un peer = {};
+    socklen_t peer_length = sizeof peer;
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0 && peer.sun_path[0])
+      a = peer;
+    path.assign(a.sun_path, ::strnlen(a.sun_path, sizeof a.sun_path));
+    return true;
   }
 
   void nothing_to_dispatch(const std::string& peer)
@@ -60,10 +79,24 @@ TCP_Channel::TCP_Channel(ACE_SOCK_Stream& stream, const TCP_Options& options)
     stopped_reading_(false), shut_when_sent_(false), ended_(false), io_adapter_(io_lock_), output_failed_(false),
     streaming_(false), io_state_(IO_STATE_OK), output_(*this), forward_map_(new (std::nothrow) JSON_RPC_Forward_Map)
 {
-  stream.get_remote_addr(remote_addr_);
-  stream.get_local_addr(local_addr_);
+  std::string path;
+  if (unix_socket(fd_, path))
+  {
+    // A Unix domain peer is on this machine: its addresses read as the
+    // loopback one, port 0. It is named by the socket's path and a number,
+    // as the registers need a name of its own for each connection.
+    static std::atomic<unsigned long> count(0);
+    remote_addr_.set(static_cast<unsigned short>(0), INADDR_LOOPBACK);
+    local_addr_ = remote_addr_;
+    peer_ = "unix:" + path + "#" + std::to_string(++count);
+  }
+  else
+  {
+    stream.get_remote_addr(remote_addr_);
+    stream.get_local_addr(local_addr_);
+    peer_ = ACE_Addr_String(remote_addr_).c_str();
+  }
   stream.set_handle(ACE_INVALID_HANDLE);
-  peer_ = ACE_Addr_String(remote_addr_).c_str();
   ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
   ::fcntl(fd_, F_SETFD, FD_CLOEXEC);
   // Messages go out whole; waiting for more to fill a segment only delays.

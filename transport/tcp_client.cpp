@@ -15,6 +15,17 @@ TCP_Client::~TCP_Client() { close(); }
 
 int TCP_Client::connect(const std::string& address, const TCP_Options& options, long timeout)
 {
+  std::string path = unix_socket_path(address);
+  if (!path.empty())
+  {
+    if (!channel_.null())
+    {
+      errno = EISCONN;
+      return -1;
+    }
+    JSON_RPC_Scope::open_singletons();
+    return TCP_Connector::connect_unix(channel_, path, options);
+  }
   ACE_INET_Addr addr;
   if (parse_tcp_address(address, addr) == -1)
   {

@@ -28,7 +28,7 @@ public:
   TCP_Client(const TCP_Client&) = delete;
   TCP_Client& operator=(const TCP_Client&) = delete;
 
-  /// Connects to address, "HOST:PORT", waiting at most timeout seconds
+  /// Connects to address, "HOST:PORT" or "unix:PATH", waiting at most timeout seconds
   /// (0 or less: the system's limit). -1 with errno and a line at error
   /// priority when it can't (EINVAL for a bad address, EISCONN when this
   /// client is connected already).

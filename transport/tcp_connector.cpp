@@ -9,6 +9,9 @@
 #include <ace/SOCK_Connector.h>
 
 #include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <new>
 
 int TCP_Connector::connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_Addr& addr, const TCP_Options& options,
@@ -23,6 +26,40 @@ int TCP_Connector::connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_
     errno = error;
     return -1;
   }
+  return start(channel, stream, options);
+}
+
+int TCP_Connector::connect_unix(JSON_RPC_Channel_Strong_Ptr& channel, const std::string& path, const TCP_Options& options)
+{
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  int fd = -1;
+  int error = 0;
+  if (path.empty() || path.size() >= sizeof addr.sun_path)
+    error = ENAMETOOLONG;
+  else if ((fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) == -1)
+    error = errno;
+  else
+  {
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    // A local connect completes or fails at once.
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == -1)
+      error = errno;
+  }
+  if (error)
+  {
+    if (fd != -1)
+      ::close(fd);
+    ACE_ERROR((LM_ERROR, "TCP: failed to connect to unix:%C, errno=%d, %m.\n", path.c_str(), error));
+    errno = error;
+    return -1;
+  }
+  ACE_SOCK_Stream stream(fd);
+  return start(channel, stream, options);
+}
+
+int TCP_Connector::start(JSON_RPC_Channel_Strong_Ptr& channel, ACE_SOCK_Stream& stream, const TCP_Options& options)
+{
   TCP_Channel* tcp = new (std::nothrow) TCP_Channel(stream, options);
   if (!tcp)
   {

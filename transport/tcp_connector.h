@@ -7,7 +7,10 @@
 #include "json_rpc/json_rpc_object.h"
 
 #include <ace/INET_Addr.h>
+#include <ace/SOCK_Stream.h>
 #include <ace/Time_Value.h>
+
+#include <string>
 
 /// Opens client connections.
 class JSON_RPC_TCP_EXPORT TCP_Connector
@@ -21,6 +24,11 @@ public:
   /// go of the pointer alone leaves it up while the peer keeps it.
   static int connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_Addr& addr, const TCP_Options& options,
                      const ACE_Time_Value* timeout = nullptr);
+  /// The same over the Unix domain socket at path.
+  static int connect_unix(JSON_RPC_Channel_Strong_Ptr& channel, const std::string& path, const TCP_Options& options);
+
+private:
+  static int start(JSON_RPC_Channel_Strong_Ptr& channel, ACE_SOCK_Stream& stream, const TCP_Options& options);
 };
 
 #endif

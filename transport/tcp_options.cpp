@@ -10,7 +10,8 @@
 TCP_Options::TCP_Options()
   : framing(FRAMING_CONTENT_LENGTH), read_limit(60), send_limit(60), max_send_queue(16 << 20),
     max_requests_in_flight(1024), max_header_size(8192), max_message_size(64ULL << 20),
-    forward_responses(false), register_channel(true), use_pool(false), listen_backlog(0), max_connections(0), io_threads(0)
+    forward_responses(false), register_channel(true), use_pool(false), listen_backlog(0), max_connections(0), io_threads(0),
+    unix_mode(0660)
 {
 }
 
@@ -30,4 +31,9 @@ int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr)
     return -1;
   }
   return 0;
+}
+
+std::string unix_socket_path(const std::string& text)
+{
+  return text.compare(0, 5, "unix:") == 0 ? text.substr(5) : std::string();
 }

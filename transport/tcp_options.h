@@ -75,6 +75,9 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// Threads of a listener's own reactor (0, the default: one for each
   /// processor).
   size_t io_threads;
+  /// Permissions of a Unix domain socket's file, as chmod takes them
+  /// (0660: its owner and group may connect).
+  unsigned int unix_mode;
   /// Runs before registration, with type 0 and the id set to the peer's
   /// address text; it may change both. -1 refuses the connection.
   std::function<int(TCP_Channel&)> on_connect;
@@ -82,6 +85,10 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
   /// deregistered.
   std::function<void(TCP_Channel&)> on_close;
 };
+
+/// The path of "unix:PATH", the address form of a Unix domain socket; empty
+/// for any other text.
+JSON_RPC_TCP_EXPORT std::string unix_socket_path(const std::string& text);
 
 /// Reads "HOST:PORT" ("127.0.0.1:4000", "localhost:0", "[::1]:4000"; port
 /// 0 lets the system pick one when listening) into addr. -1 with errno

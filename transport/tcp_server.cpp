@@ -13,6 +13,20 @@ TCP_Server::~TCP_Server() { stop(); }
 
 int TCP_Server::start(const std::string& address, const TCP_Options& options)
 {
+  std::string path = unix_socket_path(address);
+  if (!path.empty())
+  {
+    if (running_)
+    {
+      errno = EISCONN;
+      return -1;
+    }
+    JSON_RPC_Scope::open_singletons();
+    if (acceptor_.open_unix(path, options) == -1)
+      return -1;
+    running_ = true;
+    return 0;
+  }
   ACE_INET_Addr addr;
   if (parse_tcp_address(address, addr) == -1)
   {
@@ -53,11 +67,4 @@ void TCP_Server::stop(const ACE_Time_Value& limit)
   running_ = false;
 }
 
-std::string TCP_Server::address() const
-{
-  char host[96] = {0};
-  if (acceptor_.local_addr().get_host_addr(host, sizeof host) == nullptr)
-    return std::string();
-  bool v6 = acceptor_.local_addr().get_type() == AF_INET6;
-  return (v6 ? "[" + std::string(host) + "]" : std::string(host)) + ":" + std::to_string(port());
-}
+std::string TCP_Server::address() const { return acceptor_.address(); }

@@ -34,7 +34,8 @@ public:
   TCP_Server(const TCP_Server&) = delete;
   TCP_Server& operator=(const TCP_Server&) = delete;
 
-  /// Listens on address, "HOST:PORT", with options for all connections,
+  /// Listens on address, "HOST:PORT" or "unix:PATH" (a Unix domain socket,
+  /// see TCP_Acceptor::open_unix), with options for all connections,
   /// and starts accepting. -1 with errno and a line at error priority when
   /// it can't: EINVAL for a bad address, EADDRINUSE for a port that is
   /// taken, EISCONN when this server runs already.
@@ -55,7 +56,7 @@ public:
   /// The address bound, with the real port (after start()).
   const ACE_INET_Addr& local_addr() const { return acceptor_.local_addr(); }
   unsigned short port() const { return acceptor_.port(); }
-  /// "HOST:PORT" of local_addr(), in the form start() takes.
+  /// The address listened on, in the form start() takes.
   std::string address() const;
   /// The connections that are up.
   std::vector<JSON_RPC_Channel_Strong_Ptr> connections() const { return acceptor_.connections(); }

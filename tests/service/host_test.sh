@@ -69,6 +69,8 @@ done <<'ROWS'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time 86401|bad value '86401' for --drain-time
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time|option '--drain-time' needs a value
 --listen nowhere --svc-conf examples/svc.conf|bad value 'nowhere' for --listen
+--listen unix:x.sock --svc-conf examples/svc.conf --unix-mode 7a|bad value '7a' for --unix-mode
+--listen unix:x.sock --svc-conf examples/svc.conf --unix-mode 1000|bad value '1000' for --unix-mode
 --svc-conf examples/svc.conf|--listen HOST:PORT is needed
 --check|--svc-conf FILE is needed
 --check --svc-conf examples/svc.conf stray|unexpected argument 'stray'
@@ -352,6 +354,27 @@ rc=$?
 [ "$rc" -eq 3 ] && grep -qF 'the connection closed' cut.call || fail "the call of a cut drain exited $rc: $(cat cut.call)"
 grep -q '^Signal 2: closing every connection now\.$' cut.err || fail "no line for the second signal: $(cat cut.err)"
 unset 'pids[-1]'
+
+# A Unix domain socket: its file takes --unix-mode, jsonrpc-call reaches it,
+# the stale file of a killed host is replaced, and the file goes with the
+# host that stops.
+sock="$PWD/host.sock"
+start_unix() {
+  "$host" --listen "unix:$sock" "$@" --svc-conf examples/svc.conf > unix.out 2> unix.err &
+  unix_host=$!
+  for _ in $(seq 1 100); do grep -q "^listening on unix:$sock\$" unix.out && return 0; sleep 0.1; done
+  fail "no Unix listener: $(cat unix.err)"
+}
+start_unix
+kill -KILL "$unix_host"
+wait "$unix_host" 2> /dev/null
+[ -S "$sock" ] || fail "the killed host left no socket file"
+start_unix --unix-mode 600
+[ "$(stat -c %a "$sock")" = 600 ] || fail "the socket file has mode $(stat -c %a "$sock"), not 600"
+expect 0 '"result":[1,"unix"]' "unix:$sock" echo '[1, "unix"]'
+kill -TERM "$unix_host"
+wait "$unix_host" || fail "the Unix host exited $?: $(cat unix.err)"
+[ ! -e "$sock" ] || fail "the socket file outlived the host"
 
 # Clean stop of the main host.
 kill -TERM "$main_pid"

@@ -1,5 +1,6 @@
-// The TCP server and client objects over loopback: start and stop, a stop
-// with connections open, a port that is taken, and addresses that are bad.
+// The TCP server and client objects over loopback and Unix domain sockets:
+// start and stop, a stop with connections open, a port or socket file that
+// is taken, and addresses that are bad.
 #include "fake_channel.h"
 #include "log_capture.h"
 #include "test_util.h"
@@ -14,9 +15,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 using json_spirit::Value;
 
@@ -189,5 +195,80 @@ namespace
     EXPECT_TRUE(client.channel().null());
     client.close();
     EXPECT_TRUE(eventually([&] { return server.connections().empty(); }));
+  }
+
+  TEST_F(Server, ServesOnAUnixSocketWhoseFileItOwns)
+  {
+    Temp_Dir dir;
+    std::string path = dir.file("rpc.sock");
+    TCP_Options options;
+    options.unix_mode = 0600;
+    ASSERT_EQ(0, server.start("unix:" + path, options)) << log.text();
+    EXPECT_EQ("unix:" + path, server.address());
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(path.c_str(), &st));
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+
+    TCP_Client client;
+    ASSERT_EQ(0, client.connect(server.address()));
+    EXPECT_EQ("[\"local\"]", call(client, "echo", json_spirit::Array{"local"}));
+    // Each connection has a name of its own in the registers.
+    TCP_Client second;
+    ASSERT_EQ(0, second.connect(server.address()));
+    EXPECT_EQ("2", call(second, "echo", 2));
+    ASSERT_TRUE(eventually([&] { return server.connections().size() == 2; }));
+    std::vector<JSON_RPC_Channel_Strong_Ptr> up = server.connections();
+    EXPECT_NE(up[0]->id(), up[1]->id());
+    EXPECT_EQ(0u, up[0]->id().find("unix:" + path + "#"));
+
+    // A second server can't take a socket in use.
+    TCP_Server other;
+    errno = 0;
+    EXPECT_EQ(-1, other.start("unix:" + path));
+    EXPECT_EQ(EADDRINUSE, errno);
+    EXPECT_EQ("[\"still\"]", call(client, "echo", json_spirit::Array{"still"}));
+
+    // The file goes with the server.
+    server.stop();
+    EXPECT_NE(0, ::lstat(path.c_str(), &st));
+    EXPECT_TRUE(eventually([&] { return !client.connected(); }));
+  }
+
+  TEST_F(Server, AStaleSocketFileIsReplacedAndAnythingElseLeftAlone)
+  {
+    Temp_Dir dir;
+    // A socket file that nobody listens on: what a killed server leaves.
+    std::string stale = dir.file("stale.sock");
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, stale.c_str());
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    ::close(fd);
+    ASSERT_EQ(0, server.start("unix:" + stale)) << log.text();
+    TCP_Client client;
+    ASSERT_EQ(0, client.connect("unix:" + stale));
+    EXPECT_EQ("true", call(client, "echo", true));
+    server.stop();
+
+    // A plain file is somebody's: refused, and kept.
+    std::string plain = dir.write("plain", "keep me");
+    TCP_Server other;
+    errno = 0;
+    EXPECT_EQ(-1, other.start("unix:" + plain));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_TRUE(log.contains("TCP: failed to listen on unix:" + plain));
+    struct stat st;
+    ASSERT_EQ(0, ::lstat(plain.c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+
+    // Nothing listens: connecting fails clearly.
+    TCP_Client nobody;
+    errno = 0;
+    EXPECT_EQ(-1, nobody.connect("unix:" + dir.file("none.sock")));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, nobody.connect("unix:" + std::string(200, 'x')));
+    EXPECT_EQ(ENAMETOOLONG, errno);
   }
 }
