@@ -95,17 +95,11 @@ int TCP_Acceptor::open_unix(const std::string& path, const TCP_Options& options)
     errno = EISCONN;
     return -1;
   }
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  int fd = -1;
-  int error = 0;
-  if (path.empty() || path.size() >= sizeof addr.sun_path)
-    error = ENAMETOOLONG;
-  else if ((fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) == -1)
-    error = errno;
-  else
+  sockaddr_un addr;
+  int fd = unix_stream_socket(path, addr);
+  int error = fd == -1 ? errno : 0;
+  if (fd != -1)
   {
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     // A socket file that nobody listens on any more is left by a process
     // that ended without removing it: it goes. Anything else stays.
     struct stat st;

@@ -31,21 +31,12 @@ int TCP_Connector::connect(JSON_RPC_Channel_Strong_Ptr& channel, const ACE_INET_
 
 int TCP_Connector::connect_unix(JSON_RPC_Channel_Strong_Ptr& channel, const std::string& path, const TCP_Options& options)
 {
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  int fd = -1;
-  int error = 0;
-  if (path.empty() || path.size() >= sizeof addr.sun_path)
-    error = ENAMETOOLONG;
-  else if ((fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) == -1)
+  sockaddr_un addr;
+  int fd = unix_stream_socket(path, addr);
+  int error = fd == -1 ? errno : 0;
+  // A local connect completes or fails at once.
+  if (fd != -1 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == -1)
     error = errno;
-  else
-  {
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    // A local connect completes or fails at once.
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == -1)
-      error = errno;
-  }
   if (error)
   {
     if (fd != -1)

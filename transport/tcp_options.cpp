@@ -6,6 +6,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 TCP_Options::TCP_Options()
   : framing(FRAMING_CONTENT_LENGTH), read_limit(60), send_limit(60), max_send_queue(16 << 20),
@@ -36,4 +39,17 @@ int parse_tcp_address(const std::string& text, ACE_INET_Addr& addr)
 std::string unix_socket_path(const std::string& text)
 {
   return text.compare(0, 5, "unix:") == 0 ? text.substr(5) : std::string();
+}
+
+int unix_stream_socket(const std::string& path, sockaddr_un& addr)
+{
+  addr = sockaddr_un();
+  addr.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof addr.sun_path)
+  {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 }

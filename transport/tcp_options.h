@@ -90,6 +90,12 @@ struct JSON_RPC_TCP_EXPORT TCP_Options
 /// for any other text.
 JSON_RPC_TCP_EXPORT std::string unix_socket_path(const std::string& text);
 
+struct sockaddr_un;
+/// A Unix domain stream socket (close-on-exec) and addr filled for path:
+/// its descriptor, or -1 with errno (ENAMETOOLONG for a path that does not
+/// fit, or is empty).
+JSON_RPC_TCP_EXPORT int unix_stream_socket(const std::string& path, sockaddr_un& addr);
+
 /// Reads "HOST:PORT" ("127.0.0.1:4000", "localhost:0", "[::1]:4000"; port
 /// 0 lets the system pick one when listening) into addr. -1 with errno
 /// EINVAL, and no log line, if the text is no such address or the host

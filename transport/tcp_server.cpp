@@ -15,18 +15,7 @@ int TCP_Server::start(const std::string& address, const TCP_Options& options)
 {
   std::string path = unix_socket_path(address);
   if (!path.empty())
-  {
-    if (running_)
-    {
-      errno = EISCONN;
-      return -1;
-    }
-    JSON_RPC_Scope::open_singletons();
-    if (acceptor_.open_unix(path, options) == -1)
-      return -1;
-    running_ = true;
-    return 0;
-  }
+    return start_i([&]() { return acceptor_.open_unix(path, options); });
   ACE_INET_Addr addr;
   if (parse_tcp_address(address, addr) == -1)
   {
@@ -38,6 +27,12 @@ int TCP_Server::start(const std::string& address, const TCP_Options& options)
 
 int TCP_Server::start(const ACE_INET_Addr& addr, const TCP_Options& options)
 {
+  return start_i([&]() { return acceptor_.open(addr, options); });
+}
+
+template <class Open>
+int TCP_Server::start_i(Open open)
+{
   if (running_)
   {
     errno = EISCONN;
@@ -45,7 +40,7 @@ int TCP_Server::start(const ACE_INET_Addr& addr, const TCP_Options& options)
   }
   // The connections' threads use them from the first message on.
   JSON_RPC_Scope::open_singletons();
-  if (acceptor_.open(addr, options) == -1)
+  if (open() == -1)
     return -1;
   running_ = true;
   return 0;

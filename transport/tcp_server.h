@@ -62,6 +62,9 @@ public:
   std::vector<JSON_RPC_Channel_Strong_Ptr> connections() const { return acceptor_.connections(); }
 
 private:
+  template <class Open>
+  int start_i(Open open);
+
   TCP_Acceptor acceptor_;
   bool running_;
 };
