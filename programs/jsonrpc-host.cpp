@@ -22,11 +22,14 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -56,9 +59,12 @@ namespace
     "every connection at once, unanswered.\n"
     "\n"
     "Options:\n"
-    "  --listen HOST:PORT       the address to listen on ([IPV6]:PORT for IPv6;\n"
-    "                           unix:PATH for a Unix domain socket, whose stale\n"
-    "                           file is replaced and removed at the end)\n"
+    "  --listen ADDRESS         an address to listen on, as often as wanted:\n"
+    "                           [tcp://]HOST:PORT ([IPV6]:PORT for IPv6), or\n"
+    "                           unix:PATH for a Unix domain socket (a stale file\n"
+    "                           is replaced, the file removed at the end); with\n"
+    "                           ?framing=ndjson or ?framing=content-length after\n"
+    "                           it for a framing other than --framing's\n"
     "  --unix-mode OCTAL        permissions of that socket's file (default 660)\n"
     "  --svc-conf FILE          the service configuration file\n"
     "  --framing content-length|ndjson\n"
@@ -90,11 +96,49 @@ namespace
     "     --check, something failed to load or was skipped\n"
     "  2  bad usage: an unknown option, a bad value, a missing one\n";
 
+  // One --listen: where, and the options of its connections.
+  struct Listener
+  {
+    std::string unix_path; // or else addr
+    ACE_INET_Addr addr;
+    TCP_Options tcp;
+  };
+
+  // Reads "[tcp://]HOST:PORT" or "unix:PATH", with "?framing=ndjson" or
+  // "?framing=content-length" after it for a framing of its own; "" when
+  // good, else why not.
+  std::string parse_listener(std::string text, const TCP_Options& defaults, Listener& l)
+  {
+    l.tcp = defaults;
+    size_t query = text.find("?framing=");
+    if (query != std::string::npos)
+    {
+      std::string framing = text.substr(query + 9);
+      if (framing == "ndjson")
+        l.tcp.framing = TCP_Options::FRAMING_NDJSON;
+      else if (framing == "content-length")
+        l.tcp.framing = TCP_Options::FRAMING_CONTENT_LENGTH;
+      else
+        return "the framing is ndjson or content-length";
+      text.erase(query);
+    }
+    for (const char* later : {"http://", "https://", "tcp+tls://"})
+      if (text.compare(0, std::strlen(later), later) == 0)
+        return std::string(later) + " is not served yet";
+    if (text.compare(0, 6, "tcp://") == 0)
+      text.erase(0, 6);
+    l.unix_path = unix_socket_path(text);
+    if (l.unix_path.empty() && parse_tcp_address(text, l.addr) == -1)
+      return "HOST:PORT, [IPV6]:PORT, tcp://HOST:PORT or unix:PATH";
+    return "";
+  }
+
   struct Options
   {
-    std::string listen;
+    std::vector<std::string> listen;
     std::string svc_conf;
     TCP_Options tcp;
+    std::vector<Listener> listeners;
     int drain_seconds = 10;
     bool verbose = false;
     bool check = false;
@@ -132,8 +176,10 @@ namespace
       }
       else if (args.is("--listen"))
       {
-        if (!args.value(o.listen))
+        std::string address;
+        if (!args.value(address))
           return false;
+        o.listen.push_back(address);
       }
       else if (args.is("--svc-conf"))
       {
@@ -192,6 +238,15 @@ namespace
       return args.refuse("--svc-conf FILE is needed");
     if (o.listen.empty() && !o.check)
       return args.refuse("--listen HOST:PORT is needed");
+    // Each listener's address and framing, checked before anything loads.
+    for (const std::string& text : o.listen)
+    {
+      Listener l;
+      std::string why = parse_listener(text, o.tcp, l);
+      if (!why.empty())
+        return args.refuse("bad value '" + text + "' for --listen: " + why);
+      o.listeners.push_back(l);
+    }
     return true;
   }
 
@@ -209,33 +264,44 @@ namespace
     std::atomic<int> failures;
   };
 
-  // A graceful stop on the first signal; a second one, or the end of the
-  // drain, wakes the waiter again.
-  void drain(TCP_Acceptor& acceptor, program::Waiter& waiter, int signal, int seconds)
+  // A graceful stop on the first signal, of every listener at once; a
+  // second signal, or the end of the drains, wakes the waiter again.
+  void drain(std::vector<std::unique_ptr<TCP_Acceptor>>& acceptors, program::Waiter& waiter, int signal, int seconds)
   {
     ACE_DEBUG((LM_NOTICE, "Stopping on signal %d: draining for up to %d s.\n", signal, seconds));
     const char drained = 'd';
-    std::thread drainer;
-    try
+    std::atomic<size_t> left(acceptors.size());
+    std::vector<std::thread> drainers;
+    for (std::unique_ptr<TCP_Acceptor>& acceptor : acceptors)
     {
-      drainer = std::thread([&]() {
-        acceptor.drain(ACE_Time_Value(seconds));
-        waiter.wake(drained);
-      });
+      TCP_Acceptor* a = acceptor.get();
+      auto run = [&, a]() {
+        a->drain(ACE_Time_Value(seconds));
+        if (--left == 0)
+          waiter.wake(drained);
+      };
+      try
+      {
+        drainers.emplace_back(run);
+      }
+      catch (const std::system_error&)
+      {
+        // No thread to spare: this one drains here, and no signal cuts it short.
+        run();
+      }
     }
-    catch (const std::system_error&)
+    if (left > 0)
     {
-      // No thread to spare: a drain that no signal cuts short.
-      acceptor.drain(ACE_Time_Value(seconds));
-      return;
+      int next = waiter.wait();
+      if (next != drained)
+      {
+        ACE_DEBUG((LM_NOTICE, "Signal %d: closing every connection now.\n", next));
+        for (std::unique_ptr<TCP_Acceptor>& acceptor : acceptors)
+          acceptor->cut();
+      }
     }
-    int next = waiter.wait();
-    if (next != drained)
-    {
-      ACE_DEBUG((LM_NOTICE, "Signal %d: closing every connection now.\n", next));
-      acceptor.cut();
-    }
-    drainer.join();
+    for (std::thread& drainer : drainers)
+      drainer.join();
   }
 
   const char* plural(size_t n, const char* one, const char* many) { return n == 1 ? one : many; }
@@ -284,13 +350,6 @@ int main(int argc, char** argv)
     std::fputs(help, stdout);
     return 0;
   }
-  ACE_INET_Addr addr;
-  std::string unix_path = unix_socket_path(options.listen);
-  if (!options.check && unix_path.empty() && parse_tcp_address(options.listen, addr) == -1)
-  {
-    args.refuse("bad value '" + options.listen + "' for --listen: HOST:PORT, [IPV6]:PORT or unix:PATH");
-    return 2;
-  }
   // Every connection takes a descriptor: as many as the system allows.
   struct rlimit files;
   if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max)
@@ -324,33 +383,48 @@ int main(int argc, char** argv)
   leftovers.init(0, nullptr);
   summary(failures);
 
-  TCP_Acceptor acceptor;
+  // One set of I/O threads serves every listener.
+  std::shared_ptr<TCP_Reactor> reactor;
+  std::vector<std::unique_ptr<TCP_Acceptor>> acceptors;
   int status = 0;
   if (options.check)
   {
     status = failures ? 1 : 0;
     std::printf("%s: %s\n", options.svc_conf.c_str(), failures ? "failed to load (see above)" : "loaded");
   }
-  else if ((unix_path.empty() ? acceptor.open(addr, options.tcp) : acceptor.open_unix(unix_path, options.tcp)) == -1)
-  {
-    ACE_ERROR((LM_ERROR, "Can't listen on %C: %m\n", options.listen.c_str()));
+  else if (!(reactor = TCP_Reactor::make(options.tcp.io_threads)))
     status = 1;
-  }
-  else
+  for (size_t i = 0; i < options.listeners.size() && !options.check && status == 0; ++i)
   {
-    ACE_LOG_MSG->priority_mask(options.verbose ? loud : quiet, ACE_Log_Msg::PROCESS);
+    Listener& l = options.listeners[i];
+    l.tcp.reactor = reactor;
+    acceptors.emplace_back(new TCP_Acceptor);
+    TCP_Acceptor& acceptor = *acceptors.back();
+    if ((l.unix_path.empty() ? acceptor.open(l.addr, l.tcp) : acceptor.open_unix(l.unix_path, l.tcp)) == -1)
+    {
+      ACE_ERROR((LM_ERROR, "Can't listen on %C: %m\n", options.listen[i].c_str()));
+      status = 1;
+      break;
+    }
     // In the form --listen and jsonrpc-call take.
     std::string address = acceptor.address();
     std::printf("listening on %s\n", address.c_str());
     std::fflush(stdout);
     ACE_DEBUG((LM_NOTICE, "Listening on %C (%C framing).\n", address.c_str(),
-               options.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
-    drain(acceptor, waiter, waiter.wait(), options.drain_seconds);
+               l.tcp.framing == TCP_Options::FRAMING_NDJSON ? "NDJSON" : "Content-Length"));
+  }
+  if (!options.check && status == 0)
+  {
+    ACE_LOG_MSG->priority_mask(options.verbose ? loud : quiet, ACE_Log_Msg::PROCESS);
+    drain(acceptors, waiter, waiter.wait(), options.drain_seconds);
   }
 
   // Transports first: the tables give plain pointers to handlers. After a
   // drain this has nothing left to close.
-  acceptor.close(true);
+  for (std::unique_ptr<TCP_Acceptor>& acceptor : acceptors)
+    acceptor->close(true);
+  if (reactor)
+    reactor->stop();
   // Calls on threads of their own use their handlers, which the service's
   // end destroys: they get the drain time once more to finish. Past it,
   // the process ends without unloading anything under them.

@@ -70,6 +70,8 @@ done <<'ROWS'
 --listen 127.0.0.1:0 --svc-conf examples/svc.conf --drain-time|option '--drain-time' needs a value
 --listen nowhere --svc-conf examples/svc.conf|bad value 'nowhere' for --listen
 --listen unix:x.sock --svc-conf examples/svc.conf --unix-mode 7a|bad value '7a' for --unix-mode
+--listen 127.0.0.1:0 --listen http://127.0.0.1:0 --svc-conf examples/svc.conf|http:// is not served yet
+--listen 127.0.0.1:0?framing=lines --svc-conf examples/svc.conf|the framing is ndjson or content-length
 --listen unix:x.sock --svc-conf examples/svc.conf --unix-mode 1000|bad value '1000' for --unix-mode
 --svc-conf examples/svc.conf|--listen HOST:PORT is needed
 --check|--svc-conf FILE is needed
@@ -375,6 +377,22 @@ expect 0 '"result":[1,"unix"]' "unix:$sock" echo '[1, "unix"]'
 kill -TERM "$unix_host"
 wait "$unix_host" || fail "the Unix host exited $?: $(cat unix.err)"
 [ ! -e "$sock" ] || fail "the socket file outlived the host"
+
+# Several listeners at once, each with its framing: TCP with the default
+# one, a Unix socket and TCP with NDJSON; each answers in its own.
+"$host" --listen 127.0.0.1:0 --listen "unix:$sock?framing=ndjson" --listen "tcp://127.0.0.1:0?framing=ndjson" \
+  --svc-conf examples/svc.conf > many.out 2> many.err &
+many_host=$!
+for _ in $(seq 1 100); do [ "$(grep -c '^listening on ' many.out)" -eq 3 ] && break; sleep 0.1; done
+[ "$(grep -c '^listening on ' many.out)" -eq 3 ] || fail "not three listeners: $(cat many.out many.err)"
+mapfile -t many < <(sed -n 's/^listening on //p' many.out)
+[ "${many[1]}" = "unix:$sock" ] || fail "the second listener is ${many[1]}"
+expect 0 '"result":"cl"' "${many[0]}" echo '"cl"'
+expect 0 '"result":"nd1"' --framing ndjson "${many[1]}" echo '"nd1"'
+expect 0 '"result":"nd2"' --framing ndjson "${many[2]}" echo '"nd2"'
+kill -TERM "$many_host"
+wait "$many_host" || fail "the host of several listeners exited $?: $(cat many.err)"
+[ ! -e "$sock" ] || fail "the socket file outlived the host of several listeners"
 
 # Clean stop of the main host.
 kill -TERM "$main_pid"
