@@ -1,9 +1,9 @@
 'use strict';
 // Drives tcp_test_server with vscode-jsonrpc, a client written elsewhere,
-// over TCP with Content-Length framing: requests, an unknown method,
-// notifications published back by the server, a registration notice, and a
-// request that the server makes on the same connection through
-// JSON_RPC_Session.
+// over TCP and over a Unix domain socket, with Content-Length framing:
+// requests, an unknown method, notifications published back by the server,
+// a registration notice, and a request that the server makes on the same
+// connection through JSON_RPC_Session.
 //
 //   node interop.js path/to/tcp_test_server
 //
@@ -12,6 +12,9 @@
 const assert = require('assert');
 const { spawn } = require('child_process');
 const net = require('net');
+const fs = require('fs');
+const os = require('os');
+const path = require('path');
 
 let rpc;
 try {
@@ -31,26 +34,27 @@ function notified(connection, method) {
   return new Promise((resolve) => connection.onNotification(method, resolve));
 }
 
-function startServer(program) {
+// The server listens on a free TCP port, or on the Unix socket socketPath.
+function startServer(program, socketPath) {
   return new Promise((resolve, reject) => {
-    const child = spawn(program, [], { stdio: ['pipe', 'pipe', 'inherit'] });
+    const child = spawn(program, socketPath ? [socketPath] : [], { stdio: ['pipe', 'pipe', 'inherit'] });
     let out = '';
     child.on('error', reject);
     child.on('exit', (code) => reject(new Error(`server exited early with ${code}`)));
     child.stdout.on('data', (data) => {
       out += data;
-      const m = /PORT (\d+)/.exec(out);
+      const m = /(PORT (\d+)|UNIX (\S+))\n/.exec(out);
       if (m) {
         child.removeAllListeners('exit');
-        resolve({ child, port: Number(m[1]) });
+        resolve({ child, target: m[2] ? { port: Number(m[2]), host: '127.0.0.1' } : { path: m[3] } });
       }
     });
   });
 }
 
-function open(port) {
+function open(target) {
   return new Promise((resolve, reject) => {
-    const socket = net.connect(port, '127.0.0.1', () => {
+    const socket = net.connect(target, () => {
       const connection = rpc.createMessageConnection(
         new rpc.StreamMessageReader(socket), new rpc.StreamMessageWriter(socket));
       resolve({ socket, connection });
@@ -59,12 +63,10 @@ function open(port) {
   });
 }
 
-async function main() {
-  const program = process.argv[2];
-  assert.ok(program, 'usage: node interop.js path/to/tcp_test_server');
-  const { child, port } = await startServer(program);
+async function run(program, socketPath) {
+  const { child, target } = await startServer(program, socketPath);
   try {
-    const first = await open(port);
+    const first = await open(target);
     const c = first.connection;
     const news = notified(c, 'news');
     const registered = notified(c, 'channel.registered');
@@ -88,12 +90,18 @@ async function main() {
     await c.sendNotification('news', { n: 1 });
     assert.deepStrictEqual(await news, { n: 1 });
 
-    const second = await open(port);
+    const second = await open(target);
     second.connection.listen();
     const notice = await registered;
-    const address = `${second.socket.localAddress}:${second.socket.localPort}`;
-    assert.strictEqual(notice.channel_id, address);
-    assert.strictEqual(notice.channel_address, address);
+    if (target.path) {
+      // A Unix peer is named by the socket's path and a number of its own.
+      assert.match(notice.channel_id, new RegExp(`^unix:${target.path}#\\d+$`));
+      assert.strictEqual(notice.channel_address, '127.0.0.1:0');
+    } else {
+      const address = `${second.socket.localAddress}:${second.socket.localPort}`;
+      assert.strictEqual(notice.channel_id, address);
+      assert.strictEqual(notice.channel_address, address);
+    }
     assert.strictEqual(notice.channel_type, 0);
     assert.ok(Number.isInteger(notice.ts));
     assert.deepStrictEqual(await second.connection.sendRequest('echo', { from: 'second' }), { from: 'second' });
@@ -113,7 +121,19 @@ async function main() {
   }
   const code = await new Promise((resolve) => child.on('exit', resolve));
   assert.strictEqual(code, 0, `server exit code ${code}`);
-  console.log('vscode-jsonrpc interoperability: all passed');
+}
+
+async function main() {
+  const program = process.argv[2];
+  assert.ok(program, 'usage: node interop.js path/to/tcp_test_server');
+  await run(program);
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'interop-'));
+  try {
+    await run(program, path.join(dir, 'rpc.sock'));
+  } finally {
+    fs.rmSync(dir, { recursive: true, force: true });
+  }
+  console.log('vscode-jsonrpc interoperability (TCP and Unix socket): all passed');
 }
 
 setTimeout(() => fail('no result within 60 seconds'), 60000).unref();

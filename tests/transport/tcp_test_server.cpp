@@ -1,9 +1,9 @@
-// A JSON-RPC server over TCP with Content-Length framing, for the peers
-// written elsewhere.
+// A JSON-RPC server over TCP or a Unix domain socket with Content-Length
+// framing, for the peers written elsewhere.
 //
-//   tcp_test_server
+//   tcp_test_server [SOCKET_PATH]
 //
-// Prints "PORT <n>" once it listens, and runs until its standard input
+// Prints "PORT <n>" (or "UNIX <path>") once it listens, and runs until its standard input
 // ends or it gets SIGTERM or SIGINT. Methods:
 //   echo       answers with the params
 //   subscribe  subscribes the caller to the subjects in params (an array)
@@ -47,7 +47,7 @@ namespace
 
 }
 
-int main()
+int main(int argc, char** argv)
 {
   // The signals are taken by signalfd, so no thread may receive them.
   sigset_t stop_signals;
@@ -73,10 +73,15 @@ int main()
     return 0;
   });
 
+  // On a free loopback port, or on the Unix socket the argument names.
   TCP_Acceptor acceptor;
-  if (acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), TCP_Options()) == -1)
+  if (argc > 1 ? acceptor.open_unix(argv[1], TCP_Options()) == -1
+               : acceptor.open(ACE_INET_Addr(static_cast<unsigned short>(0), "127.0.0.1"), TCP_Options()) == -1)
     return 1;
-  std::printf("PORT %u\n", static_cast<unsigned>(acceptor.port()));
+  if (argc > 1)
+    std::printf("UNIX %s\n", argv[1]);
+  else
+    std::printf("PORT %u\n", static_cast<unsigned>(acceptor.port()));
   std::fflush(stdout);
 
   struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
