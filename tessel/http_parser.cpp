@@ -1,6 +1,6 @@
-// The only unit that sees Boost.Beast: its parser does the reading of
-// response heads and of the chunked framing, in push mode, over bytes that
-// the connection reads itself.
+// With http_request_parser.cpp, the only units that see Boost.Beast: its
+// parser does the reading of response heads and of the chunked framing, in
+// push mode, over bytes that the connection reads itself.
 
 #include "tessel/http_parser.h"
 
