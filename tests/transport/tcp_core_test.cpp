@@ -313,7 +313,9 @@ namespace
     add_json_rpc_method(
       "hold",
       [gate](Value params) {
-        gate->enter();
+        // Nothing waits for these threads: the gate lives as long as they do.
+        std::shared_ptr<Gate> keep = gate;
+        keep->enter();
         return params;
       },
       JSON_RPC_Function_Handler::THREAD_OWN);
@@ -360,6 +362,8 @@ namespace
 
   TEST_F(Core, ADrainLetsCallsFinishAndAnswersTheRestWithAnError)
   {
+    // On the pool's two workers: the scope's end waits for them, so the
+    // held call is over before its method goes.
     auto gate = std::make_shared<Gate>();
     add_json_rpc_method(
       "hold",
@@ -367,14 +371,14 @@ namespace
         gate->enter();
         return Value(true);
       },
-      JSON_RPC_Function_Handler::THREAD_OWN);
+      JSON_RPC_Function_Handler::THREAD_POOL);
     add_json_rpc_method(
       "soon",
       [](Value) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         return Value("done");
       },
-      JSON_RPC_Function_Handler::THREAD_OWN);
+      JSON_RPC_Function_Handler::THREAD_POOL);
     ASSERT_EQ(0, server.start("127.0.0.1:0"));
     Socket_Client client(server.port());
     ASSERT_TRUE(client.send(frame(request(1, "hold", "null")) + frame(request(2, "soon", "null"))));
