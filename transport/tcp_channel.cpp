@@ -340,9 +340,8 @@ void TCP_Channel::read_input(uint32_t events)
   }
   if (input_end_ == INPUT_CLOSED || closing_ || (framing_failed_ && input_end_ == INPUT_OPEN))
     return;
-  char* buffer = loop_->buffer();
-  ssize_t n = ::recv(fd_, buffer, TCP_Reactor::Loop::buffer_size, MSG_DONTWAIT);
-  if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+  ssize_t n = receive();
+  if (n == nothing_yet)
     return;
   if (input_end_ == INPUT_BROKEN)
   {
@@ -357,8 +356,14 @@ void TCP_Channel::read_input(uint32_t events)
     input_ended(n, errno);
     return;
   }
-  feed(buffer, static_cast<size_t>(n));
+  feed(loop_->buffer(), static_cast<size_t>(n));
   after_input();
+}
+
+ssize_t TCP_Channel::receive()
+{
+  ssize_t n = ::recv(fd_, loop_->buffer(), TCP_Reactor::Loop::buffer_size, MSG_DONTWAIT);
+  return n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) ? nothing_yet : n;
 }
 
 void TCP_Channel::input_ended(ssize_t n, int error)
@@ -542,8 +547,8 @@ bool TCP_Channel::read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* de
     int r = ::poll(&p, 1, wait_ms);
     if (r <= 0)
       continue;
-    ssize_t n = ::recv(fd_, loop_->buffer(), TCP_Reactor::Loop::buffer_size, MSG_DONTWAIT);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+    ssize_t n = receive();
+    if (n == nothing_yet)
       continue;
     if (n <= 0)
       input_ended(n, errno);

@@ -211,6 +211,10 @@ private:
   /// Dispatches what was read, then answers bad framing after it.
   void after_input();
   bool read_on(JSON_RPC_Response_Wait& wait, const ACE_Time_Value* deadline);
+  /// What recv gave into the loop's buffer (bytes, 0 at the end, -1 with
+  /// errno), or nothing_yet when nothing is there now.
+  ssize_t receive();
+  static const ssize_t nothing_yet = -2;
   void input_ended(ssize_t n, int error);
   void broken_input();
   /// Ends the connection if it is over and no handler of it runs; on the

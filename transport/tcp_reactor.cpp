@@ -191,14 +191,13 @@ void TCP_Reactor::Loop::run(unsigned long log_mask, void* log_callback)
     // would one while several callers of the process wait. One loop of the
     // process spins at a time.
     bool few = handlers_.size() - free_slots_.size() <= few_peers && Spin_Wait::waiting() <= 1;
-    if (busy && few && wait > 0 && spinning.fetch_add(1) == 0)
+    if (busy && few && wait > 0)
     {
-      Spin_Wait::poll([&] { return (n = ::epoll_wait(epoll_fd_, events, max_events, 0)) != 0; },
-                      now + Spin_Wait::spin_time, 64, false);
+      if (spinning.fetch_add(1) == 0)
+        Spin_Wait::poll([&] { return (n = ::epoll_wait(epoll_fd_, events, max_events, 0)) != 0; },
+                        now + Spin_Wait::spin_time, 64, false);
       spinning.fetch_sub(1);
     }
-    else if (busy && few && wait > 0)
-      spinning.fetch_sub(1);
     if (n <= 0)
       n = ::epoll_wait(epoll_fd_, events, max_events, wait);
     busy = n > 0;

@@ -215,6 +215,27 @@ inline bool send_all(int fd, const std::string& bytes)
   return true;
 }
 
+/// A socket connected to 127.0.0.1:port, or -1. A receive buffer other
+/// than 0 is set before the connect, so that it bounds the window.
+inline int loopback_connect(unsigned short port, int receive_buffer = 0)
+{
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0)
+    return -1;
+  if (receive_buffer)
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+  sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+  {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 /// A plain connection to 127.0.0.1:port. A read gives up after `limit_ms`
 /// without input.
 class Socket_Client
@@ -222,13 +243,7 @@ class Socket_Client
 public:
   explicit Socket_Client(unsigned short port, int limit_ms = 60000) : limit_ms_(limit_ms)
   {
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-      close();
+    fd_ = loopback_connect(port);
     // Small writes go out as they are, to cut messages anywhere.
     int one = 1;
     ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);

@@ -3,6 +3,7 @@
 // requester, the in-flight limit, the connection cap and the graceful drain.
 #include "fake_channel.h"
 #include "log_capture.h"
+#include "tcp_test_support.h"
 #include "test_util.h"
 
 #include "json_rpc/json_rpc_function_handler.h"
@@ -17,8 +18,6 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -35,7 +34,7 @@ using json_spirit::Value;
 
 namespace
 {
-  std::string frame(const std::string& body) { return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body; }
+  using tcp_test::content_length_frame;
 
   std::string request(int id, const std::string& method, const std::string& params)
   {
@@ -118,26 +117,21 @@ namespace
 
     // All connect at once (a burst the listen queue holds), then all call.
     std::vector<int> fds;
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(server.port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (int i = 0; i < n; ++i)
     {
-      int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      ASSERT_NE(-1, fd);
+      int fd = loopback_connect(server.port());
+      ASSERT_NE(-1, fd) << i << ": " << errno;
       fds.push_back(fd);
-      ASSERT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr)) << i << ": " << errno;
     }
     for (int i = 0; i < n; ++i)
-      ASSERT_TRUE(send_all(fds[i], frame(request(i, "echo", "[" + std::to_string(i) + "]"))));
+      ASSERT_TRUE(send_all(fds[i], content_length_frame(request(i, "echo", "[" + std::to_string(i) + "]"))));
 
     std::vector<std::string> in(n);
     std::vector<pollfd> polls;
     for (int fd : fds)
       polls.push_back({fd, POLLIN, 0});
     auto expected = [](int i) {
-      return frame("{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(i) + ",\"result\":[" + std::to_string(i) + "]}");
+      return content_length_frame("{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(i) + ",\"result\":[" + std::to_string(i) + "]}");
     };
     int complete = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
@@ -187,14 +181,8 @@ namespace
 
     // A small window, set before the connect, so that little of what it
     // is sent hides in its socket.
-    int stuck = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int small = 4096;
-    ::setsockopt(stuck, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(server.port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, ::connect(stuck, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    int stuck = loopback_connect(server.port(), 4096);
+    ASSERT_NE(-1, stuck);
     const int fast_count = 4, notices = 3000;
     std::vector<std::unique_ptr<Socket_Client>> fast;
     for (int i = 0; i < fast_count; ++i)
@@ -325,7 +313,7 @@ namespace
     Socket_Client client(server.port());
     std::string burst;
     for (int i = 1; i <= 10; ++i)
-      burst += frame(request(i, "hold", std::to_string(i)));
+      burst += content_length_frame(request(i, "hold", std::to_string(i)));
     ASSERT_TRUE(client.send(burst));
     ASSERT_TRUE(gate->wait_entered(3));
     ASSERT_TRUE(eventually([&] { return server.connections().size() == 1; }));
@@ -356,7 +344,7 @@ namespace
     one.close();
     EXPECT_TRUE(eventually([&] {
       Socket_Client fourth(server.port(), 10000);
-      return fourth.send(frame(request(4, "echo", "4"))) && fourth.read_until("\"result\":4}");
+      return fourth.send(content_length_frame(request(4, "echo", "4"))) && fourth.read_until("\"result\":4}");
     }));
   }
 
@@ -381,7 +369,7 @@ namespace
       JSON_RPC_Function_Handler::THREAD_POOL);
     ASSERT_EQ(0, server.start("127.0.0.1:0"));
     Socket_Client client(server.port());
-    ASSERT_TRUE(client.send(frame(request(1, "hold", "null")) + frame(request(2, "soon", "null"))));
+    ASSERT_TRUE(client.send(content_length_frame(request(1, "hold", "null")) + content_length_frame(request(2, "soon", "null"))));
     ASSERT_TRUE(gate->wait_entered(1));
     unsigned short port = server.port();
 

@@ -15,7 +15,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -240,10 +239,9 @@ namespace
     Temp_Dir dir;
     // A socket file that nobody listens on: what a killed server leaves.
     std::string stale = dir.file("stale.sock");
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, stale.c_str());
+    sockaddr_un addr;
+    int fd = unix_stream_socket(stale, addr);
+    ASSERT_NE(-1, fd);
     ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
     ::close(fd);
     ASSERT_EQ(0, server.start("unix:" + stale)) << log.text();
